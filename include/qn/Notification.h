@@ -1,0 +1,25 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "qn/Dictionary.h"
+#include "qn/Object.h"
+
+namespace qn {
+
+/// What a notification centre delivers: a name, an optional sender and a user-info dictionary.
+/// A value; the sender is kept alive while the notification exists.
+struct Notification {
+    std::string name;
+    std::shared_ptr<Object> object;
+    Dictionary userInfo;
+
+    /// The sender as a `T`, or null when there is none or it is of another type.
+    template <class T>
+    std::shared_ptr<T> objectAs() const {
+        return std::dynamic_pointer_cast<T>(object);
+    }
+};
+
+}  // namespace qn

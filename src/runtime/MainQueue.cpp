@@ -1,0 +1,212 @@
+#include "qn/MainQueue.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+
+#include "qn/Exception.h"
+
+namespace qn {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// How often `runUntil` asks its predicate when no work arrives.
+constexpr auto kPredicatePollInterval = std::chrono::milliseconds(2);
+
+pid_t currentThreadId() {
+    static thread_local const pid_t tid = gettid();
+    return tid;
+}
+
+/// The queue's state. `mutex_` guards `pending_` and `stopRequested_`, and the eventfd's counter
+/// is only changed under it, so the descriptor is readable exactly while `pending_` is non-empty.
+class State {
+public:
+    static State& shared() {
+        // Leaked on purpose: worker threads may hand work over while the process exits.
+        static State* state = new State;
+        return *state;
+    }
+
+    std::atomic<pid_t> mainThread{getpid()};
+    const int eventFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+
+    void push(std::function<void()> work) {
+        std::lock_guard lock(mutex_);
+        if (pending_.empty()) {
+            const std::uint64_t one = 1;
+            [[maybe_unused]] auto written = write(eventFd, &one, sizeof one);
+        }
+        pending_.push_back(std::move(work));
+        wake_.notify_one();
+    }
+
+    /// Waits until work is pending, a stop is requested (when `honourStop`) or `deadline`
+    /// passes. Takes the first piece of work, if any.
+    std::function<void()> take(Clock::time_point deadline, bool honourStop, bool* stopped) {
+        std::unique_lock lock(mutex_);
+        const auto ready = [&] { return !pending_.empty() || (honourStop && stopRequested_); };
+        if (deadline == Clock::time_point::max()) {
+            wake_.wait(lock, ready);
+        } else {
+            wake_.wait_until(lock, deadline, ready);
+        }
+        if (honourStop && stopRequested_) {
+            stopRequested_ = false;
+            *stopped = true;
+            return {};
+        }
+        return popLocked();
+    }
+
+    std::function<void()> tryTake() {
+        std::lock_guard lock(mutex_);
+        return popLocked();
+    }
+
+    std::size_t pendingCount() {
+        std::lock_guard lock(mutex_);
+        return pending_.size();
+    }
+
+    void requestStop() {
+        std::lock_guard lock(mutex_);
+        stopRequested_ = true;
+        wake_.notify_all();
+    }
+
+private:
+    State() = default;
+
+    std::function<void()> popLocked() {
+        if (pending_.empty()) {
+            return {};
+        }
+        auto work = std::move(pending_.front());
+        pending_.pop_front();
+        if (pending_.empty()) {
+            std::uint64_t count = 0;
+            [[maybe_unused]] auto got = read(eventFd, &count, sizeof count);
+        }
+        return work;
+    }
+
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    std::deque<std::function<void()>> pending_;
+    bool stopRequested_ = false;
+};
+
+}  // namespace
+
+bool MainQueue::isMainThread() {
+    return currentThreadId() == State::shared().mainThread.load(std::memory_order_relaxed);
+}
+
+void MainQueue::adoptCurrentThread() {
+    State::shared().mainThread.store(currentThreadId());
+}
+
+void MainQueue::requireMainThread(const char* operation) {
+    if (!isMainThread()) {
+        throw InternalInconsistencyException(std::string("MainQueue::") + operation +
+                                             " must be called on the main thread.");
+    }
+}
+
+void MainQueue::async(std::function<void()> work) {
+    State::shared().push(std::move(work));
+}
+
+void MainQueue::syncImpl(const std::function<void()>& work) {
+    std::mutex mutex;
+    std::condition_variable done;
+    bool finished = false;
+    std::exception_ptr failure;
+    async([&] {
+        try {
+            work();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        // Notify under the lock: the waiter destroys `done` as soon as it sees `finished`.
+        std::lock_guard lock(mutex);
+        finished = true;
+        done.notify_one();
+    });
+    std::unique_lock lock(mutex);
+    done.wait(lock, [&] { return finished; });
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
+}
+
+void MainQueue::run() {
+    requireMainThread("run");
+    for (;;) {
+        bool stopped = false;
+        auto work = State::shared().take(Clock::time_point::max(), true, &stopped);
+        if (stopped) {
+            return;
+        }
+        if (work) {
+            work();
+        }
+    }
+}
+
+void MainQueue::stop() {
+    State::shared().requestStop();
+}
+
+void MainQueue::runFor(Clock::duration duration) {
+    runUntil([] { return false; }, duration);
+}
+
+bool MainQueue::runUntil(const std::function<bool()>& predicate, Clock::duration timeout) {
+    requireMainThread("runUntil");
+    const auto deadline = Clock::now() + timeout;
+    for (;;) {
+        if (predicate()) {
+            return true;
+        }
+        const auto now = Clock::now();
+        if (now >= deadline) {
+            return false;
+        }
+        bool stopped = false;
+        auto work =
+            State::shared().take(std::min(deadline, now + kPredicatePollInterval), false, &stopped);
+        if (work) {
+            work();
+        }
+    }
+}
+
+std::size_t MainQueue::drain() {
+    requireMainThread("drain");
+    auto& state = State::shared();
+    const std::size_t count = state.pendingCount();
+    std::size_t ran = 0;
+    while (ran < count) {
+        auto work = state.tryTake();
+        if (!work) {
+            break;
+        }
+        ++ran;
+        work();
+    }
+    return ran;
+}
+
+int MainQueue::fileDescriptor() {
+    return State::shared().eventFd;
+}
+
+}  // namespace qn

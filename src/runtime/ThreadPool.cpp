@@ -1,0 +1,82 @@
+#include "ThreadPool.h"
+
+#include <pthread.h>
+
+#include <exception>
+#include <thread>
+
+#include "qn/Logger.h"
+
+namespace qn {
+
+ThreadPool& ThreadPool::shared() {
+    // Leaked on purpose: detached workers may still be finishing a task while the process exits.
+    static ThreadPool* pool = new ThreadPool;
+    return *pool;
+}
+
+std::size_t ThreadPool::bandOf(QualityOfService qos) {
+    switch (qos) {
+        case QualityOfService::UserInteractive:
+            return 0;
+        case QualityOfService::UserInitiated:
+            return 1;
+        case QualityOfService::Default:
+            return 2;
+        case QualityOfService::Utility:
+            return 3;
+        case QualityOfService::Background:
+            return 4;
+    }
+    return 2;
+}
+
+void ThreadPool::submit(QualityOfService qos, std::function<void()> task) {
+    std::lock_guard lock(mutex_);
+    waiting_[bandOf(qos)].push_back(std::move(task));
+    ++waitingCount_;
+    if (waitingCount_ > idleThreads_ && threads_ < kMaxThreads) {
+        ++threads_;
+        std::thread([this] { workerLoop(); }).detach();
+    } else {
+        wake_.notify_one();
+    }
+}
+
+void ThreadPool::workerLoop() {
+    pthread_setname_np(pthread_self(), "qn-worker");
+    std::unique_lock lock(mutex_);
+    for (;;) {
+        while (waitingCount_ == 0) {
+            ++idleThreads_;
+            const bool woken =
+                wake_.wait_for(lock, kIdleTimeout, [this] { return waitingCount_ > 0; });
+            --idleThreads_;
+            if (!woken && threads_ > kKeptThreads) {
+                --threads_;
+                return;
+            }
+        }
+        std::function<void()> task;
+        for (auto& band : waiting_) {
+            if (!band.empty()) {
+                task = std::move(band.front());
+                band.pop_front();
+                break;
+            }
+        }
+        --waitingCount_;
+        lock.unlock();
+        try {
+            task();
+        } catch (const std::exception& e) {
+            Logger::named("qn").error("Dispatched work threw an exception: {}", e.what());
+        } catch (...) {
+            Logger::named("qn").error("Dispatched work threw an exception of unknown type.");
+        }
+        task = nullptr;  // whatever the task captured is released outside the lock
+        lock.lock();
+    }
+}
+
+}  // namespace qn

@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <atomic>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "qn/Exception.h"
+#include "qn/MainQueue.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+bool descriptorReadable() {
+    pollfd fd{qn::MainQueue::fileDescriptor(), POLLIN, 0};
+    return poll(&fd, 1, 0) == 1 && (fd.revents & POLLIN);
+}
+
+TEST(MainQueueTest, AsyncFromSeveralThreadsRunsOnMainThreadInHandOverOrder) {
+    constexpr int kThreads = 4;
+    constexpr int kPerThread = 2000;
+    std::vector<std::vector<int>> seen(kThreads);  // touched on the main thread only
+    std::atomic<int> offMain{0};
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                qn::MainQueue::async([&, t, i] {
+                    if (!qn::MainQueue::isMainThread()) {
+                        ++offMain;
+                    }
+                    seen[t].push_back(i);
+                });
+            }
+        });
+    }
+    int total = 0;
+    ASSERT_TRUE(qn::MainQueue::runUntil(
+        [&] {
+            total = 0;
+            for (const auto& s : seen) {
+                total += static_cast<int>(s.size());
+            }
+            return total == kThreads * kPerThread;
+        },
+        30s));
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(offMain, 0);
+    for (const auto& s : seen) {
+        for (int i = 0; i < kPerThread; ++i) {
+            ASSERT_EQ(s[i], i);
+        }
+    }
+
+    // A hand-over that happens after another (here: made from inside it) runs after it.
+    std::vector<int> order;
+    qn::MainQueue::async([&] {
+        order.push_back(1);
+        qn::MainQueue::async([&] { order.push_back(3); });
+    });
+    qn::MainQueue::async([&] { order.push_back(2); });
+    qn::MainQueue::runUntil([&] { return order.size() == 3; }, 5s);
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
+}
+
+TEST(MainQueueTest, SyncFromWorkerWaitsForTheMainThreadAndPassesResultsAndExceptions) {
+    std::atomic<bool> done{false};
+    int result = 0;
+    bool threwOnWorker = false;
+    std::thread worker([&] {
+        result = qn::MainQueue::sync([] { return qn::MainQueue::isMainThread() ? 42 : -1; });
+        try {
+            qn::MainQueue::sync([] { throw std::runtime_error("boom"); });
+        } catch (const std::runtime_error& e) {
+            threwOnWorker = std::string(e.what()) == "boom";
+        }
+        done = true;
+    });
+    EXPECT_TRUE(qn::MainQueue::runUntil([&] { return done.load(); }, 10s));
+    worker.join();
+    EXPECT_EQ(result, 42);
+    EXPECT_TRUE(threwOnWorker);
+}
+
+TEST(MainQueueTest, SyncOnTheMainThreadRunsInlineAheadOfPendingWork) {
+    std::vector<int> order;
+    qn::MainQueue::async([&] { order.push_back(1); });
+    qn::MainQueue::sync([&] { order.push_back(0); });
+    EXPECT_EQ(order, (std::vector<int>{0}));
+    qn::MainQueue::drain();
+    EXPECT_EQ(order, (std::vector<int>{0, 1}));
+}
+
+TEST(MainQueueTest, DescriptorIsReadableExactlyWhileWorkIsPending) {
+    qn::MainQueue::drain();
+    EXPECT_FALSE(descriptorReadable());
+    int ran = 0;
+    qn::MainQueue::async([&] {
+        ++ran;
+        // Handed over during the drain: waits for the next one, and keeps the descriptor ready.
+        qn::MainQueue::async([&] { ++ran; });
+    });
+    EXPECT_TRUE(descriptorReadable());
+    EXPECT_EQ(qn::MainQueue::drain(), 1u);
+    EXPECT_EQ(ran, 1);
+    EXPECT_TRUE(descriptorReadable());
+    EXPECT_EQ(qn::MainQueue::drain(), 1u);
+    EXPECT_EQ(ran, 2);
+    EXPECT_FALSE(descriptorReadable());
+}
+
+TEST(MainQueueTest, RunReturnsOnStopAndExceptionsLeaveThePumpButNotTheQueue) {
+    std::thread stopper([] { qn::MainQueue::async([] { qn::MainQueue::stop(); }); });
+    qn::MainQueue::run();
+    stopper.join();
+
+    // A stop that arrives while nothing pumps is not lost.
+    qn::MainQueue::stop();
+    qn::MainQueue::run();
+
+    bool secondRan = false;
+    qn::MainQueue::async([] { throw std::runtime_error("from work"); });
+    qn::MainQueue::async([&] { secondRan = true; });
+    EXPECT_THROW(qn::MainQueue::drain(), std::runtime_error);
+    EXPECT_FALSE(secondRan);
+    qn::MainQueue::drain();
+    EXPECT_TRUE(secondRan);
+}
+
+TEST(MainQueueTest, RunUntilWatchesStateChangedByOtherThreadsAndTimesOut) {
+    std::atomic<bool> flag{false};
+    std::thread setter([&] {
+        std::this_thread::sleep_for(20ms);
+        flag = true;  // no main-queue work: the predicate must still be asked again
+    });
+    EXPECT_TRUE(qn::MainQueue::runUntil([&] { return flag.load(); }, 10s));
+    setter.join();
+    EXPECT_FALSE(qn::MainQueue::runUntil([] { return false; }, 10ms));
+}
+
+TEST(MainQueueTest, PumpingOffTheMainThreadIsRefused) {
+    std::thread worker([] {
+        EXPECT_FALSE(qn::MainQueue::isMainThread());
+        EXPECT_THROW(qn::MainQueue::drain(), qn::InternalInconsistencyException);
+        EXPECT_THROW(qn::MainQueue::runFor(1ms), qn::InternalInconsistencyException);
+    });
+    worker.join();
+    EXPECT_TRUE(qn::MainQueue::isMainThread());
+}
+
+}  // namespace
