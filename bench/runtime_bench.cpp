@@ -66,7 +66,7 @@ void BM_MainQueueSyncFromWorker(benchmark::State& state) {
     worker.join();
     state.SetItemsProcessed(calls);
 }
-BENCHMARK(BM_MainQueueSyncFromWorker)->Iterations(1);
+BENCHMARK(BM_MainQueueSyncFromWorker)->Iterations(1)->UseRealTime();
 
 void BM_SerialOperationQueue(benchmark::State& state) {
     auto queue = qn::OperationQueue::create("bench", 1);
@@ -79,7 +79,7 @@ void BM_SerialOperationQueue(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations() * 256);
 }
-BENCHMARK(BM_SerialOperationQueue);
+BENCHMARK(BM_SerialOperationQueue)->UseRealTime();
 
 void BM_DisabledDebugLog(benchmark::State& state) {
     auto& logger = qn::Logger::named("bench");
