@@ -7,46 +7,13 @@
 #include <memory>
 #include <system_error>
 
+#include "qn/PathString.h"
+
 namespace qn {
 namespace {
 
 bool isAbsolute(std::string_view path) {
     return !path.empty() && path.front() == '/';
-}
-
-// Lexical clean-up shared by URLByStandardizingPath and relative-path resolution.
-std::string standardize(std::string_view path) {
-    const bool absolute = isAbsolute(path);
-    std::vector<std::string_view> kept;
-    std::size_t start = 0;
-    while (start <= path.size()) {
-        std::size_t end = path.find('/', start);
-        if (end == std::string_view::npos) {
-            end = path.size();
-        }
-        const std::string_view component = path.substr(start, end - start);
-        start = end + 1;
-        if (component.empty() || component == ".") {
-            continue;
-        }
-        if (component == "..") {
-            if (!kept.empty() && kept.back() != "..") {
-                kept.pop_back();
-            } else if (!absolute) {
-                kept.push_back(component);  // A relative path may climb above its start.
-            }
-            continue;
-        }
-        kept.push_back(component);
-    }
-    std::string result = absolute ? "/" : "";
-    for (std::size_t i = 0; i < kept.size(); ++i) {
-        if (i > 0) {
-            result += '/';
-        }
-        result += kept[i];
-    }
-    return result.empty() ? std::string(".") : result;
 }
 
 std::string resolve(std::string_view path) {
@@ -55,7 +22,7 @@ std::string resolve(std::string_view path) {
         std::error_code error;
         const std::filesystem::path directory = std::filesystem::current_path(error);
         if (!error) {
-            result = standardize(directory.string() + "/" + result);
+            result = stringByStandardizingPath(directory.string() + "/" + result);
         }
     }
     return result;
@@ -183,39 +150,15 @@ std::string URL::absoluteString() const {
 }
 
 std::string URL::lastPathComponent() const {
-    if (path_ == "/") {
-        return path_;
-    }
-    const std::size_t slash = path_.rfind('/');
-    return slash == std::string::npos ? path_ : path_.substr(slash + 1);
+    return qn::lastPathComponent(path_);
 }
 
 std::string URL::pathExtension() const {
-    const std::string component = lastPathComponent();
-    const std::size_t dot = component.rfind('.');
-    if (dot == std::string::npos || dot == 0) {
-        return {};
-    }
-    return component.substr(dot + 1);
+    return qn::pathExtension(path_);
 }
 
 std::vector<std::string> URL::pathComponents() const {
-    std::vector<std::string> components;
-    if (isAbsolute(path_)) {
-        components.emplace_back("/");
-    }
-    std::size_t start = 0;
-    while (start < path_.size()) {
-        std::size_t end = path_.find('/', start);
-        if (end == std::string::npos) {
-            end = path_.size();
-        }
-        if (end > start) {
-            components.push_back(path_.substr(start, end - start));
-        }
-        start = end + 1;
-    }
-    return components;
+    return qn::pathComponents(path_);
 }
 
 URL URL::URLByAppendingPathComponent(std::string_view component) const {
@@ -230,32 +173,21 @@ URL URL::URLByAppendingPathComponent(std::string_view component, bool isDirector
     if (isEmpty()) {
         return URL();
     }
-    const std::size_t first = component.find_first_not_of('/');
-    if (first == std::string_view::npos) {
+    if (component.find_first_not_of('/') == std::string_view::npos) {
         return URL(path_, isDirectory);
     }
-    component.remove_prefix(first);
-    std::string path = path_;
-    if (path.back() != '/') {
-        path += '/';
-    }
-    path += component;
-    return URL(std::move(path), isDirectory);
+    return URL(stringByAppendingPathComponent(path_, component), isDirectory);
 }
 
 URL URL::URLByDeletingLastPathComponent() const {
     if (path_ == "/") {
         return *this;
     }
-    const std::size_t slash = path_.rfind('/');
-    if (slash == std::string::npos) {
+    // A relative path of one component has no parent to name.
+    if (path_.find('/') == std::string::npos) {
         return URL();
     }
-    const std::size_t parentEnd = path_.find_last_not_of('/', slash);
-    if (parentEnd == std::string::npos) {
-        return URL("/", true);  // "/a" and "//a" both have the root as parent.
-    }
-    return URL(path_.substr(0, parentEnd + 1), true);
+    return URL(stringByDeletingLastPathComponent(path_), true);
 }
 
 URL URL::URLByAppendingPathExtension(std::string_view extension) const {
@@ -263,25 +195,21 @@ URL URL::URLByAppendingPathExtension(std::string_view extension) const {
         path_ == "/") {
         return *this;
     }
-    std::string path = path_;
-    path += '.';
-    path += extension;
-    return URL(std::move(path), isDirectory_);
+    return URL(stringByAppendingPathExtension(path_, extension), isDirectory_);
 }
 
 URL URL::URLByDeletingPathExtension() const {
-    const std::size_t extensionSize = pathExtension().size();
-    if (extensionSize == 0) {
+    if (qn::pathExtension(path_).empty()) {
         return *this;
     }
-    return URL(path_.substr(0, path_.size() - extensionSize - 1), isDirectory_);
+    return URL(stringByDeletingPathExtension(path_), isDirectory_);
 }
 
 URL URL::URLByStandardizingPath() const {
     if (isEmpty()) {
         return URL();
     }
-    return URL(standardize(path_), isDirectory_);
+    return URL(stringByStandardizingPath(path_), isDirectory_);
 }
 
 URL URL::URLByResolvingSymlinksInPath() const {
