@@ -1,0 +1,39 @@
+#pragma once
+
+// The recursive operations of the file manager: copying and removing whole trees (asking a
+// delegate per item) and comparing two trees. Private to the platform layer; any thread, as long
+// as the delegate may be called from it.
+
+#include <string>
+
+#include "qn/Error.h"
+#include "qn/FileManagerDelegate.h"
+#include "qn/URL.h"
+
+namespace qn {
+
+/// Copies the item at `source` to `destination`: directories recursively, symbolic links as
+/// links, regular files by contents; permissions and access and modification dates are kept,
+/// ownership is not. Fails with 260 when `source` is missing and with 516 when `destination`
+/// exists. With a `delegate`, asks `shouldCopyItemAtURL(item, destinationOfItem)` for the top item
+/// and then for each item below it, each directory before its contents; a declined item is left
+/// out with everything below it and the copy still succeeds. Directories reach the delegate as
+/// directory URLs. On failure the partial copy is removed again.
+bool copyItemTree(const URL& source, const URL& destination, FileManagerDelegate* delegate,
+                  Error* error);
+
+/// Removes the item at `item` and, for a directory, everything below it, never following
+/// symbolic links. Fails with 4 when the item is missing. With a `delegate`, first asks
+/// `shouldRemoveItemAtURL` for the top item and every item below it, each directory before its
+/// contents (directories as directory URLs), and only then removes what was accepted, contents
+/// before their directory. A declined item stays with everything below it, and so does every
+/// directory that still holds one; the removal still succeeds. A failure while asking removes
+/// nothing; a failure while removing stops there.
+bool removeItemTree(const URL& item, FileManagerDelegate* delegate, Error* error);
+
+/// True when both items exist, are of the same type and hold the same: regular files the same
+/// bytes, directories the same names with equal items under them, symbolic links the same text,
+/// device files the same device. Symbolic links are compared, not followed.
+bool itemTreesEqual(const std::string& path, const std::string& otherPath);
+
+}  // namespace qn
