@@ -35,6 +35,11 @@ public:
     /// Hands `work` over to the main thread without waiting.
     static void async(std::function<void()> work);
 
+    /// Hands `work` over to the main thread once `delay` has passed (a run-loop timer). Timers
+    /// due at the same time run in the order they were set; a due timer runs after the work
+    /// already pending.
+    static void asyncAfter(std::chrono::steady_clock::duration delay, std::function<void()> work);
+
     /// Runs `work` on the main thread and returns its result: at once when called on the main
     /// thread, otherwise by handing it over and waiting until the main thread has run it. An
     /// exception thrown by `work` is rethrown to the caller. Called from another thread, it waits
@@ -63,8 +68,9 @@ public:
     /// returns how many pieces ran.
     static std::size_t drain();
 
-    /// A non-blocking descriptor that is readable while work is pending, for hosts that drive the
-    /// queue from their own event loop. Do not read or close it.
+    /// A descriptor that is readable while work is pending or a timer is due, for hosts that
+    /// drive the queue from their own event loop: poll it for input, then call `drain()`. Do not
+    /// read or close it.
     static int fileDescriptor();
 
 private:

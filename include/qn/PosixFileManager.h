@@ -10,8 +10,8 @@
 //     516, the item in the way), NSURLErrorKey its URL when the caller passed that URL.
 //   - The delegate is read once when a copy or removal starts; changing it meanwhile affects
 //     the next operation only.
-//   - Until the ubiquity service takes over these calls, the ubiquity calls answer as a machine
-//     with no account.
+//   - The ubiquity calls, and resource values of the ubiquitous keys, are answered by the
+//     process's current UbiquityService.
 //
 // Locking: `delegateMutex_` guards `delegate_` and nothing else; no lock is held while the file
 // system or a delegate is called.
@@ -50,7 +50,8 @@ public:
                                     Dictionary* linkDestinationAttributes,
                                     Error* error = nullptr) override;
     /// Of the item itself (a final symbolic link is not followed). NSURLFileSizeKey only for
-    /// regular files. The ubiquitous keys and unknown keys have no value here.
+    /// regular files; unknown keys have no value. The NSURLUbiquitousItem... keys are asked of
+    /// the ubiquity service, whether or not the item is on the local disk.
     std::optional<Value> resourceValue(const URL& url, std::string_view key,
                                        Error* error = nullptr) override;
     /// Symbolic links are compared by the text they hold, not followed.
@@ -113,14 +114,10 @@ public:
         const URL& url, const std::vector<std::string>& includingPropertiesForKeys,
         DirectoryEnumerationOptions options, EnumerationErrorHandler errorHandler) override;
 
-    /// nullopt: no account.
     std::optional<UbiquityIdentityToken> ubiquityIdentityToken() override;
-    /// nullopt: no container.
     std::optional<URL> URLForUbiquityContainerIdentifier(
         std::string_view containerIdentifier) override;
-    /// False with NSUbiquitousFileUnavailableError (qn/UbiquityErrors.h).
     bool startDownloadingUbiquitousItemAtURL(const URL& url, Error* error = nullptr) override;
-    /// False with NSUbiquitousFileUnavailableError (qn/UbiquityErrors.h).
     bool evictUbiquitousItemAtURL(const URL& url, Error* error = nullptr) override;
 
 private:

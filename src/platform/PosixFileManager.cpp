@@ -17,7 +17,7 @@
 #include "ItemAttributes.h"
 #include "PosixDirectoryEnumerator.h"
 #include "qn/Logger.h"
-#include "qn/UbiquityErrors.h"
+#include "qn/UbiquityService.h"
 
 namespace qn {
 namespace {
@@ -189,6 +189,10 @@ bool PosixFileManager::loadAttributesOfItemAtPath(std::string_view path, Diction
 
 std::optional<Value> PosixFileManager::resourceValue(const URL& url, std::string_view key,
                                                      Error* error) {
+    if (key.starts_with("NSURLUbiquitousItem")) {
+        // Known to the cloud, whether or not the item is on the local disk.
+        return UbiquityService::current()->resourceValue(url, key, error);
+    }
     ItemStatus status;
     if (const int result = statusOfItem(url.path(), false, &status); result != 0) {
         setError(error, fileError(result, FileAccess::Reading, url.path(), &url));
@@ -209,7 +213,7 @@ std::optional<Value> PosixFileManager::resourceValue(const URL& url, std::string
     if (key == NSURLIsRegularFileKey) {
         return Value(status.isRegularFile());
     }
-    return std::nullopt;  // The ubiquitous keys belong to the ubiquity service.
+    return std::nullopt;
 }
 
 bool PosixFileManager::contentsEqualAtPath(std::string_view path, std::string_view andPath) {
@@ -486,32 +490,23 @@ std::unique_ptr<DirectoryEnumerator> PosixFileManager::enumeratorAtURL(
     return PosixDirectoryEnumerator::forURL(url, options, std::move(errorHandler));
 }
 
+// The ubiquity calls are answered by the process's ubiquity service.
+
 std::optional<UbiquityIdentityToken> PosixFileManager::ubiquityIdentityToken() {
-    return std::nullopt;
+    return UbiquityService::current()->identityToken();
 }
 
 std::optional<URL> PosixFileManager::URLForUbiquityContainerIdentifier(
-    std::string_view /*containerIdentifier*/) {
-    return std::nullopt;
+    std::string_view containerIdentifier) {
+    return UbiquityService::current()->containerURL(containerIdentifier);
 }
-
-namespace {
-
-Error ubiquitousItemUnavailable(const URL& url) {
-    return Error(NSCocoaErrorDomain, NSUbiquitousFileUnavailableError,
-                 {{NSFilePathErrorKey, url.path()}, {NSURLErrorKey, url}});
-}
-
-}  // namespace
 
 bool PosixFileManager::startDownloadingUbiquitousItemAtURL(const URL& url, Error* error) {
-    setError(error, ubiquitousItemUnavailable(url));
-    return false;
+    return UbiquityService::current()->startDownloading(url, error);
 }
 
 bool PosixFileManager::evictUbiquitousItemAtURL(const URL& url, Error* error) {
-    setError(error, ubiquitousItemUnavailable(url));
-    return false;
+    return UbiquityService::current()->evict(url, error);
 }
 
 }  // namespace qn

@@ -1,12 +1,15 @@
 #include "qn/MainQueue.h"
 
+#include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <deque>
+#include <map>
 #include <mutex>
 
 #include "qn/Exception.h"
@@ -24,8 +27,10 @@ pid_t currentThreadId() {
     return tid;
 }
 
-/// The queue's state. `mutex_` guards `pending_` and `stopRequested_`, and the eventfd's counter
-/// is only changed under it, so the descriptor is readable exactly while `pending_` is non-empty.
+/// The queue's state. `mutex_` guards `pending_`, `timers_` and `stopRequested_`; the eventfd's
+/// counter and the timerfd's setting are only changed under it, so the eventfd is readable
+/// exactly while `pending_` is non-empty and the timerfd fires when the earliest timer is due.
+/// The descriptor handed to hosts is an epoll set of the two.
 class State {
 public:
     static State& shared() {
@@ -36,42 +41,59 @@ public:
 
     std::atomic<pid_t> mainThread{getpid()};
     const int eventFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
+    const int timerFd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    const int pollFd = makePollSet(eventFd, timerFd);
 
     void push(std::function<void()> work) {
         std::lock_guard lock(mutex_);
-        if (pending_.empty()) {
-            const std::uint64_t one = 1;
-            [[maybe_unused]] auto written = write(eventFd, &one, sizeof one);
-        }
-        pending_.push_back(std::move(work));
+        pushLocked(std::move(work));
         wake_.notify_one();
     }
 
+    void schedule(Clock::time_point due, std::function<void()> work) {
+        std::lock_guard lock(mutex_);
+        const bool earliest = timers_.empty() || due < timers_.begin()->first;
+        timers_.emplace(due, std::move(work));  // after timers due at the same time
+        if (earliest) {
+            armTimerLocked();
+            wake_.notify_one();
+        }
+    }
+
     /// Waits until work is pending, a stop is requested (when `honourStop`) or `deadline`
-    /// passes. Takes the first piece of work, if any.
+    /// passes; timers that fall due meanwhile become pending work. Takes the first piece of
+    /// work, if any.
     std::function<void()> take(Clock::time_point deadline, bool honourStop, bool* stopped) {
         std::unique_lock lock(mutex_);
-        const auto ready = [&] { return !pending_.empty() || (honourStop && stopRequested_); };
-        if (deadline == Clock::time_point::max()) {
-            wake_.wait(lock, ready);
-        } else {
-            wake_.wait_until(lock, deadline, ready);
+        for (;;) {
+            promoteDueTimersLocked();
+            if (honourStop && stopRequested_) {
+                stopRequested_ = false;
+                *stopped = true;
+                return {};
+            }
+            if (!pending_.empty() || Clock::now() >= deadline) {
+                return popLocked();
+            }
+            const auto wakeAt =
+                timers_.empty() ? deadline : std::min(deadline, timers_.begin()->first);
+            if (wakeAt == Clock::time_point::max()) {
+                wake_.wait(lock);
+            } else {
+                wake_.wait_until(lock, wakeAt);
+            }
         }
-        if (honourStop && stopRequested_) {
-            stopRequested_ = false;
-            *stopped = true;
-            return {};
-        }
-        return popLocked();
     }
 
     std::function<void()> tryTake() {
         std::lock_guard lock(mutex_);
+        promoteDueTimersLocked();
         return popLocked();
     }
 
     std::size_t pendingCount() {
         std::lock_guard lock(mutex_);
+        promoteDueTimersLocked();
         return pending_.size();
     }
 
@@ -83,6 +105,53 @@ public:
 
 private:
     State() = default;
+
+    static int makePollSet(int eventFd, int timerFd) {
+        const int pollFd = epoll_create1(EPOLL_CLOEXEC);
+        for (const int fd : {eventFd, timerFd}) {
+            epoll_event event{};
+            event.events = EPOLLIN;
+            event.data.fd = fd;
+            epoll_ctl(pollFd, EPOLL_CTL_ADD, fd, &event);
+        }
+        return pollFd;
+    }
+
+    void pushLocked(std::function<void()> work) {
+        if (pending_.empty()) {
+            const std::uint64_t one = 1;
+            [[maybe_unused]] auto written = write(eventFd, &one, sizeof one);
+        }
+        pending_.push_back(std::move(work));
+    }
+
+    void promoteDueTimersLocked() {
+        if (timers_.empty() || timers_.begin()->first > Clock::now()) {
+            return;
+        }
+        const auto now = Clock::now();
+        while (!timers_.empty() && timers_.begin()->first <= now) {
+            pushLocked(std::move(timers_.begin()->second));
+            timers_.erase(timers_.begin());
+        }
+        armTimerLocked();
+    }
+
+    // Sets the timerfd to the earliest timer (or disarms it), which also clears its readiness.
+    void armTimerLocked() {
+        itimerspec setting{};
+        if (!timers_.empty()) {
+            const auto due = timers_.begin()->first.time_since_epoch();
+            const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(due);
+            setting.it_value.tv_sec = seconds.count();
+            setting.it_value.tv_nsec =
+                std::chrono::duration_cast<std::chrono::nanoseconds>(due - seconds).count();
+            if (setting.it_value.tv_sec == 0 && setting.it_value.tv_nsec == 0) {
+                setting.it_value.tv_nsec = 1;  // all zero would disarm
+            }
+        }
+        timerfd_settime(timerFd, TFD_TIMER_ABSTIME, &setting, nullptr);
+    }
 
     std::function<void()> popLocked() {
         if (pending_.empty()) {
@@ -100,6 +169,7 @@ private:
     std::mutex mutex_;
     std::condition_variable wake_;
     std::deque<std::function<void()>> pending_;
+    std::multimap<Clock::time_point, std::function<void()>> timers_;
     bool stopRequested_ = false;
 };
 
@@ -122,6 +192,11 @@ void MainQueue::requireMainThread(const char* operation) {
 
 void MainQueue::async(std::function<void()> work) {
     State::shared().push(std::move(work));
+}
+
+void MainQueue::asyncAfter(Clock::duration delay, std::function<void()> work) {
+    State::shared().schedule(Clock::now() + std::max(delay, Clock::duration::zero()),
+                             std::move(work));
 }
 
 void MainQueue::syncImpl(const std::function<void()>& work) {
@@ -206,7 +281,7 @@ std::size_t MainQueue::drain() {
 }
 
 int MainQueue::fileDescriptor() {
-    return State::shared().eventFd;
+    return State::shared().pollFd;
 }
 
 }  // namespace qn

@@ -1,0 +1,170 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "qn/MainQueue.h"
+#include "qn/MetadataQuery.h"
+#include "qn/NotificationCenter.h"
+#include "qn/UbiquityService.h"
+
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+
+namespace {
+
+// A service whose feed the test drives by hand.
+struct FeedService : qn::UbiquityService {
+    std::shared_ptr<qn::MetadataFeedObserver> observer;
+    std::vector<std::string> scopes;
+    std::atomic<int> stops{0};
+
+    std::uint64_t startMetadataFeed(const std::vector<std::string>& s,
+                                    std::shared_ptr<qn::MetadataFeedObserver> o) override {
+        scopes = s;
+        observer = std::move(o);
+        return 7;
+    }
+    void stopMetadataFeed(std::uint64_t feed) override { stops += feed == 7; }
+    std::optional<qn::UbiquityIdentityToken> identityToken() override { return std::nullopt; }
+    std::optional<qn::URL> containerURL(std::string_view) override { return std::nullopt; }
+    bool startDownloading(const qn::URL&, qn::Error*) override { return false; }
+    bool evict(const qn::URL&, qn::Error*) override { return false; }
+    std::optional<qn::Value> resourceValue(const qn::URL&, std::string_view, qn::Error*) override {
+        return std::nullopt;
+    }
+    std::vector<qn::FileVersionRecord> otherVersionsOfItem(const qn::URL&) override { return {}; }
+    bool setVersionResolved(const qn::URL&, std::string_view, bool, qn::Error*) override {
+        return false;
+    }
+    bool removeVersion(const qn::URL&, std::string_view, qn::Error*) override { return false; }
+    std::optional<bool> isNetworkReachable() override { return std::nullopt; }
+};
+
+std::shared_ptr<const qn::MetadataItem> item(const char* path, int size = 0) {
+    qn::Dictionary values{{qn::NSMetadataItemFSSizeKey, qn::Value(size)}};
+    if (path) {
+        values.set(qn::NSMetadataItemPathKey, qn::Value(path));
+    }
+    return std::make_shared<qn::MetadataItem>(std::move(values));
+}
+
+std::vector<std::string> paths(const qn::MetadataQuery& query) {
+    std::vector<std::string> result;
+    query.enumerateResultsUsingBlock(
+        [&](const auto& r, std::size_t, bool&) { result.push_back(r->path()); });
+    return result;
+}
+
+class MetadataQueryTest : public testing::Test {
+protected:
+    void SetUp() override {
+        qn::UbiquityService::setCurrent(service);
+        query->setSearchScopes({qn::NSMetadataQueryUbiquitousDocumentsScope});
+        query->setPredicate(*qn::MetadataPredicate::predicateWithFormat("%K like \"*\"",
+                                                                        qn::NSMetadataItemPathKey));
+        for (const char* name : {qn::NSMetadataQueryDidStartGatheringNotification,
+                                 qn::NSMetadataQueryGatheringProgressNotification,
+                                 qn::NSMetadataQueryDidFinishGatheringNotification,
+                                 qn::NSMetadataQueryDidUpdateNotification}) {
+            observations.push_back(qn::NotificationCenter::defaultCenter().addObserver(
+                name, query.get(), [this](const qn::Notification& n) {
+                    EXPECT_TRUE(qn::MainQueue::isMainThread());
+                    EXPECT_EQ(n.object, query);
+                    received.push_back(n.name);
+                    counts.push_back(query->resultCount());
+                }));
+        }
+    }
+    void TearDown() override { qn::UbiquityService::setCurrent(nullptr); }
+
+    // Starts the query and gathers `batches` from a worker thread, as a service would.
+    void gather(std::vector<std::vector<std::shared_ptr<const qn::MetadataItem>>> batches) {
+        ASSERT_TRUE(query->startQuery());
+        std::thread([&] {
+            for (auto& batch : batches) {
+                service->observer->feedDidGather(batch);
+            }
+            service->observer->feedDidFinishGathering();
+        }).join();
+        ASSERT_TRUE(qn::MainQueue::runUntil([&] { return !query->isGathering(); }, 5s));
+        qn::MainQueue::drain();
+    }
+
+    std::shared_ptr<FeedService> service = std::make_shared<FeedService>();
+    std::shared_ptr<qn::MetadataQuery> query = std::make_shared<qn::MetadataQuery>();
+    std::vector<qn::NotificationCenter::Observation> observations;
+    std::vector<std::string> received;
+    std::vector<std::size_t> counts;  // result count seen by each notification's observer
+};
+
+TEST_F(MetadataQueryTest, GatheringReportsEachBatchThenFinishesOnTheMainThread) {
+    gather({{item("/D/a"), item(nullptr)}, {item("/D/b"), item("/D/a", 5)}});
+    EXPECT_THAT(service->scopes, ElementsAre(qn::NSMetadataQueryUbiquitousDocumentsScope));
+    EXPECT_THAT(received, ElementsAre(qn::NSMetadataQueryDidStartGatheringNotification,
+                                      qn::NSMetadataQueryGatheringProgressNotification,
+                                      qn::NSMetadataQueryGatheringProgressNotification,
+                                      qn::NSMetadataQueryDidFinishGatheringNotification));
+    // The item without a path fails the predicate; a second report of /D/a replaces it in place.
+    EXPECT_THAT(counts, ElementsAre(0, 1, 2, 2));
+    EXPECT_THAT(paths(*query), ElementsAre("/D/a", "/D/b"));
+    EXPECT_EQ(*query->resultAtIndex(0)->values().int64ForKey(qn::NSMetadataItemFSSizeKey), 5);
+    EXPECT_FALSE(query->startQuery());
+}
+
+TEST_F(MetadataQueryTest, ChangesWaitWhileUpdatesAreDisabledAndArriveCoalesced) {
+    gather({{item("/D/a"), item("/D/b"), item("/D/c")}});
+    received.clear();
+    query->setNotificationBatchingInterval(0.2);
+
+    query->disableUpdates();
+    service->observer->feedDidChange({item("/D/b", 9), item("/D/d")}, {"/D/a"});
+    service->observer->feedDidChange({}, {"/D/c"});
+    qn::MainQueue::runFor(300ms);
+    EXPECT_TRUE(received.empty());
+    EXPECT_THAT(paths(*query), ElementsAre("/D/a", "/D/b", "/D/c"));
+
+    query->enableUpdates();
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return !received.empty(); }, 5s));
+    EXPECT_THAT(received, ElementsAre(qn::NSMetadataQueryDidUpdateNotification));
+    EXPECT_THAT(paths(*query), ElementsAre("/D/b", "/D/d"));
+
+    // Two changes within the batching interval make one update.
+    received.clear();
+    service->observer->feedDidChange({item("/D/e")}, {});
+    service->observer->feedDidChange({item("/D/f")}, {"/D/b"});
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return !received.empty(); }, 5s));
+    qn::MainQueue::runFor(300ms);
+    EXPECT_THAT(received, ElementsAre(qn::NSMetadataQueryDidUpdateNotification));
+    EXPECT_THAT(paths(*query), ElementsAre("/D/d", "/D/e", "/D/f"));
+}
+
+TEST_F(MetadataQueryTest, AStoppedQueryKeepsItsResultsAndFallsSilent) {
+    gather({{item("/D/a")}});
+    received.clear();
+    query->setNotificationBatchingInterval(0);
+    service->observer->feedDidChange({item("/D/b")}, {});
+    query->stopQuery();
+    qn::MainQueue::runFor(50ms);
+    EXPECT_TRUE(received.empty());
+    EXPECT_TRUE(query->isStopped());
+    EXPECT_EQ(service->stops, 1);
+    EXPECT_THAT(paths(*query), ElementsAre("/D/a"));
+    EXPECT_THROW(query->resultAtIndex(1), std::out_of_range);
+}
+
+TEST(MetadataPredicateTest, LikePatternsMatchTheAttributeText) {
+    const auto hasPath =
+        qn::MetadataPredicate::predicateWithFormat("%K like \"*\"", qn::NSMetadataItemPathKey);
+    ASSERT_TRUE(hasPath);
+    EXPECT_TRUE(hasPath->evaluate(*item("")));
+    EXPECT_FALSE(hasPath->evaluate(*item(nullptr)));
+    const auto pages = qn::MetadataPredicate::predicateWithFormat("%K LIKE \"/D/*.p?ges\"",
+                                                                  qn::NSMetadataItemPathKey);
+    ASSERT_TRUE(pages);
+    EXPECT_TRUE(pages->evaluate(*item("/D/x/y.pages")));
+    EXPECT_FALSE(pages->evaluate(*item("/D/y.pagesx")));
+    EXPECT_FALSE(qn::MetadataPredicate::predicateWithFormat("%K == 1", "k"));
+}
+
+}  // namespace
