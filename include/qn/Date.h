@@ -4,7 +4,7 @@
 // Used for file modification dates, metadata attributes and timestamps in notifications.
 // Any thread; a value is not shared mutable state.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <compare>
 #include <cstddef>

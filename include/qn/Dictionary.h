@@ -4,7 +4,7 @@
 // attributes and metadata attributes. Lookups take a string_view and do not allocate.
 // Any thread; a value is not shared mutable state.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <cstddef>
 #include <cstdint>

@@ -8,7 +8,7 @@
 //
 // Any thread; a value is not shared mutable state.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <cstdint>
 #include <memory>

@@ -34,8 +34,9 @@ inline constexpr FileCoordinatorWritingOptions
 /// item below it and of any directory above it. A call for two items acquires both at once, so
 /// two opposite moves cannot deadlock. A thread that already holds access (inside an accessor)
 /// is never blocked by its own access, so accessors may coordinate again, e.g. to list a parent
-/// directory; waiting for access held by another thread from inside an accessor can deadlock as
-/// with any nested locks.
+/// directory. An accessor must not wait for another thread that coordinates a related item (the
+/// same item, one above or below it), not even for reading: that thread may queue behind a writer
+/// that waits for this accessor.
 ///
 /// After a coordinated write, every registered presenter whose presented item lies above a
 /// written item hears `presentedSubitemDidChangeAtURL` on its own queue, except the presenter
@@ -69,7 +70,8 @@ public:
     static std::vector<std::shared_ptr<FilePresenter>> filePresenters();
 
     /// Coordinated reading of `url`. When access cannot be granted (the coordinator was
-    /// cancelled), the accessor does not run and `outError` receives the reason.
+    /// cancelled, or a URL is empty), the accessor does not run and `outError` receives the
+    /// reason.
     virtual void coordinateReadingItemAtURL(const URL& url, FileCoordinatorReadingOptions options,
                                             Error* outError, const Accessor& byAccessor) = 0;
     virtual void coordinateWritingItemAtURL(const URL& url, FileCoordinatorWritingOptions options,
@@ -86,7 +88,7 @@ public:
                                             FileCoordinatorWritingOptions options2, Error* outError,
                                             const PairAccessor& byAccessor) = 0;
 
-    /// Tells the presenters above `oldURL` that the item moved to `didMoveToURL`. Call it from
+    /// Tells the presenters above `oldURL` or `didMoveToURL` that the item moved. Call it from
     /// the accessor of the coordinated write that moved the item.
     virtual void itemAtURL(const URL& oldURL, const URL& didMoveToURL) = 0;
 

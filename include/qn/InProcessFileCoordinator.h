@@ -14,7 +14,7 @@ namespace qn {
 class InProcessFileCoordinator final : public FileCoordinator {
 public:
     /// `filePresenter` (may be null) is the presenter on whose behalf this coordinator acts; it
-    /// is not told about this coordinator's changes. Only its address is kept.
+    /// is not told about this coordinator's changes. It is held weakly.
     explicit InProcessFileCoordinator(const std::shared_ptr<FilePresenter>& filePresenter);
 
     void coordinateReadingItemAtURL(const URL& url, FileCoordinatorReadingOptions options,
@@ -46,7 +46,7 @@ private:
     void notifyPresentersAbove(const std::vector<URL>& urls,
                                const std::function<void(FilePresenter&)>& callback) const;
 
-    const FilePresenter* const filePresenter_;
+    const std::weak_ptr<FilePresenter> filePresenter_;
     std::atomic<bool> cancelled_{false};
 };
 

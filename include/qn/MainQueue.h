@@ -32,7 +32,8 @@ public:
     /// Makes the calling thread the main thread. Call once, before any work is handed over.
     static void adoptCurrentThread();
 
-    /// Hands `work` over to the main thread without waiting.
+    /// Hands `work` over to the main thread without waiting. Empty work is refused with
+    /// `InternalInconsistencyException`, as by `asyncAfter`.
     static void async(std::function<void()> work);
 
     /// Hands `work` over to the main thread once `delay` has passed (a run-loop timer). Timers
@@ -48,8 +49,8 @@ public:
     template <class F>
     static std::invoke_result_t<F&> sync(F&& work);
 
-    /// Pumps until `stop()` is called. A `stop()` that came while nothing pumped ends the next
-    /// `run()` at once.
+    /// Pumps until `stop()` is called. A `stop()` that no `run()` consumed (it came while nothing
+    /// pumped, or while `runFor`, `runUntil` or `drain` pumped) ends the next `run()` at once.
     static void run();
 
     /// Makes the running `run()` return after the work it is running. Any thread.
@@ -76,6 +77,7 @@ public:
 private:
     static void syncImpl(const std::function<void()>& work);
     static void requireMainThread(const char* operation);
+    static void requireWork(const std::function<void()>& work, const char* operation);
 };
 
 template <class F>
@@ -86,6 +88,10 @@ std::invoke_result_t<F&> MainQueue::sync(F&& work) {
     }
     if constexpr (std::is_void_v<R>) {
         syncImpl([&work] { work(); });
+    } else if constexpr (std::is_reference_v<R>) {
+        std::remove_reference_t<R>* result = nullptr;
+        syncImpl([&work, &result] { result = &work(); });
+        return static_cast<R>(*result);
     } else {
         std::optional<R> result;
         syncImpl([&work, &result] { result.emplace(work()); });

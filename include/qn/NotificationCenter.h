@@ -7,6 +7,8 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "qn/Notification.h"
@@ -26,10 +28,13 @@ namespace qn {
 /// removed while a notification is being delivered is not called after its removal. Removal
 /// waits until calls of that registration already running on other threads have returned, so
 /// the owner may destroy what the observer uses as soon as removal returns; do not remove while
-/// holding a lock that an observer running on another thread takes.
+/// holding a lock that an observer running on another thread takes. Two threads that each
+/// remove, from inside an observer, an observer running on the other could never finish: the
+/// removal that would close such a cycle throws `InternalInconsistencyException` instead (the
+/// registrations are removed all the same).
 ///
-/// Locking: `mutex_` guards the registration list and the per-registration call counts; it is
-/// never held while an observer runs.
+/// Locking: `mutex_` guards the registration list, the threads running each registration and
+/// the threads waiting in a removal; it is never held while an observer runs.
 class NotificationCenter {
 public:
     using Observer = std::function<void(const Notification&)>;
@@ -89,9 +94,14 @@ private:
     void removeMatching(const std::function<bool(const Registration&)>& matches);
     void deliver(Registration& registration, const Notification& notification);
 
+    bool waitWouldDeadlockLocked(std::thread::id self) const;
+
     std::mutex mutex_;
     std::condition_variable callsEnded_;
     std::vector<std::shared_ptr<Registration>> registrations_;
+    // Threads waiting in a removal, and the registrations they wait for.
+    std::unordered_map<std::thread::id, const std::vector<std::shared_ptr<Registration>>*>
+        awaiting_;
     std::uint64_t nextId_ = 1;
 };
 

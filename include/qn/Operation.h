@@ -69,6 +69,9 @@ private:
 
     /// Moves Ready -> Enqueued; false when the operation was enqueued or run before.
     bool markEnqueued();
+    /// Lets go of what the operation holds for `main()`, once it has finished or will never
+    /// run. Called without any lock held.
+    virtual void releaseResources() {}
     void run();
     void finish();
 
@@ -91,13 +94,16 @@ public:
     static std::shared_ptr<BlockOperation> create(BlockWithOperation block);
 
 private:
-    struct Private {};
+    struct Private {
+        explicit Private() = default;
+    };
 
 public:
     BlockOperation(Private, BlockWithOperation block) : block_(std::move(block)) {}
 
 private:
     void main() override;
+    void releaseResources() override { block_ = nullptr; }
 
     BlockWithOperation block_;
 };

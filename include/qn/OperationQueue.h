@@ -61,7 +61,13 @@ public:
     /// Operations waiting or running.
     std::size_t operationCount() const;
 
-    struct Private {};
+private:
+    struct Private {
+        explicit Private() = default;
+    };
+
+public:
+    /// Use `create`.
     OperationQueue(Private, std::string name, int maxConcurrentOperationCount);
 
 private:

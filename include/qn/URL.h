@@ -4,7 +4,7 @@
 // library addresses documents, containers and their items. Only the file scheme exists here.
 // Any thread; a value is not shared mutable state.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <compare>
 #include <cstddef>

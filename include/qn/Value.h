@@ -5,7 +5,7 @@
 // NSNull/NSNumber/NSString/NSDate/NSURL/NSError objects Foundation would put in an NSDictionary.
 // Any thread; a value is not shared mutable state.
 
-#include <fmt/core.h>
+#include <fmt/format.h>
 
 #include <concepts>
 #include <cstddef>

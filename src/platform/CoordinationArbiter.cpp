@@ -12,7 +12,8 @@ CoordinationArbiter& CoordinationArbiter::shared() {
 }
 
 bool CoordinationArbiter::isBelow(const std::string& directory, const std::string& path) {
-    if (path.size() <= directory.size() || path.compare(0, directory.size(), directory) != 0) {
+    if (directory.empty() || path.size() <= directory.size() ||
+        path.compare(0, directory.size(), directory) != 0) {
         return false;
     }
     return directory == "/" || path[directory.size()] == '/';

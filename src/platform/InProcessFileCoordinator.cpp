@@ -10,7 +10,7 @@ namespace qn {
 
 InProcessFileCoordinator::InProcessFileCoordinator(
     const std::shared_ptr<FilePresenter>& filePresenter)
-    : filePresenter_(filePresenter.get()) {}
+    : filePresenter_(filePresenter) {}
 
 namespace {
 
@@ -24,6 +24,14 @@ URL grantedReadingURL(const URL& url, FileCoordinatorReadingOptions options) {
 
 void InProcessFileCoordinator::coordinate(const std::vector<Access>& accesses, Error* outError,
                                           const std::function<void()>& run) {
+    for (const auto& access : accesses) {
+        if (access.url.isEmpty()) {
+            setError(outError,
+                     Error(NSCocoaErrorDomain, NSFileReadInvalidFileNameError,
+                           {{NSLocalizedDescriptionKey, "Cannot coordinate an empty URL."}}));
+            return;
+        }
+    }
     auto& arbiter = CoordinationArbiter::shared();
     std::vector<CoordinationArbiter::Item> items;
     std::vector<URL> written;
@@ -60,7 +68,8 @@ void InProcessFileCoordinator::notifyPresentersAbove(
         paths.push_back(url.URLByStandardizingPath().path());
     }
     for (const auto& presenter : CoordinationArbiter::shared().presenters()) {
-        if (presenter.get() == filePresenter_) {
+        // Compared as owners, not addresses: a new presenter may live where a gone one did.
+        if (!filePresenter_.owner_before(presenter) && !presenter.owner_before(filePresenter_)) {
             continue;
         }
         const auto presented = presenter->presentedItemURL();

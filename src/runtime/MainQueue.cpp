@@ -22,6 +22,15 @@ using Clock = std::chrono::steady_clock;
 // How often `runUntil` asks its predicate when no work arrives.
 constexpr auto kPredicatePollInterval = std::chrono::milliseconds(2);
 
+// `now + delay`, saturated instead of overflowing for "forever" delays.
+Clock::time_point deadlineAfter(Clock::duration delay) {
+    const auto now = Clock::now();
+    if (delay <= Clock::duration::zero()) {
+        return now;
+    }
+    return delay > Clock::time_point::max() - now ? Clock::time_point::max() : now + delay;
+}
+
 pid_t currentThreadId() {
     static thread_local const pid_t tid = gettid();
     return tid;
@@ -183,6 +192,13 @@ void MainQueue::adoptCurrentThread() {
     State::shared().mainThread.store(currentThreadId());
 }
 
+void MainQueue::requireWork(const std::function<void()>& work, const char* operation) {
+    if (!work) {
+        throw InternalInconsistencyException(std::string("MainQueue::") + operation +
+                                             ": empty work.");
+    }
+}
+
 void MainQueue::requireMainThread(const char* operation) {
     if (!isMainThread()) {
         throw InternalInconsistencyException(std::string("MainQueue::") + operation +
@@ -191,12 +207,13 @@ void MainQueue::requireMainThread(const char* operation) {
 }
 
 void MainQueue::async(std::function<void()> work) {
+    requireWork(work, "async");
     State::shared().push(std::move(work));
 }
 
 void MainQueue::asyncAfter(Clock::duration delay, std::function<void()> work) {
-    State::shared().schedule(Clock::now() + std::max(delay, Clock::duration::zero()),
-                             std::move(work));
+    requireWork(work, "asyncAfter");
+    State::shared().schedule(deadlineAfter(delay), std::move(work));
 }
 
 void MainQueue::syncImpl(const std::function<void()>& work) {
@@ -246,7 +263,7 @@ void MainQueue::runFor(Clock::duration duration) {
 
 bool MainQueue::runUntil(const std::function<bool()>& predicate, Clock::duration timeout) {
     requireMainThread("runUntil");
-    const auto deadline = Clock::now() + timeout;
+    const auto deadline = deadlineAfter(timeout);
     for (;;) {
         if (predicate()) {
             return true;

@@ -1,6 +1,9 @@
 #include "qn/NotificationCenter.h"
 
 #include <algorithm>
+#include <thread>
+
+#include "qn/Exception.h"
 
 namespace qn {
 
@@ -10,26 +13,13 @@ struct NotificationCenter::Registration {
     std::string name;
     const Object* sender;
     Observer observer;
-    bool removed = false;  // guarded by the centre's mutex_
-    int runningCalls = 0;  // guarded by the centre's mutex_
+    bool removed = false;                    // guarded by the centre's mutex_
+    std::vector<std::thread::id> runningOn;  // threads in the observer; guarded by mutex_
 
     bool matches(std::string_view postedName, const Object* postedSender) const {
         return (name.empty() || name == postedName) && (!sender || sender == postedSender);
     }
 };
-
-namespace {
-
-// Registrations whose observer is running on this thread. A removal made from inside an
-// observer must not wait for calls on its own thread, which cannot end while it waits.
-thread_local std::vector<const void*> tCallsOnThisThread;
-
-int callsOnThisThread(const void* registration) {
-    return static_cast<int>(
-        std::count(tCallsOnThisThread.begin(), tCallsOnThisThread.end(), registration));
-}
-
-}  // namespace
 
 NotificationCenter::Observation::Observation(Observation&& other) noexcept
     : center_(std::exchange(other.center_, nullptr)), id_(other.id_) {}
@@ -65,7 +55,7 @@ std::uint64_t NotificationCenter::add(const void* owner, std::string_view name,
     std::lock_guard lock(mutex_);
     const auto id = nextId_++;
     registrations_.push_back(std::make_shared<Registration>(
-        Registration{id, owner, std::string(name), sender, std::move(observer)}));
+        Registration{id, owner, std::string(name), sender, std::move(observer), false, {}}));
     return id;
 }
 
@@ -93,6 +83,7 @@ void NotificationCenter::removeObserver(const void* owner, std::string_view name
 }
 
 void NotificationCenter::removeMatching(const std::function<bool(const Registration&)>& matches) {
+    const auto self = std::this_thread::get_id();
     std::vector<std::shared_ptr<Registration>> removed;
     std::unique_lock lock(mutex_);
     std::erase_if(registrations_, [&](const std::shared_ptr<Registration>& r) {
@@ -103,13 +94,60 @@ void NotificationCenter::removeMatching(const std::function<bool(const Registrat
         removed.push_back(r);
         return true;
     });
-    callsEnded_.wait(lock, [&] {
-        return std::all_of(removed.begin(), removed.end(), [](const auto& r) {
-            return r->runningCalls == callsOnThisThread(r.get());
+    // Calls on this thread cannot end while it waits: only calls on other threads are awaited.
+    const auto callsEnded = [&] {
+        return std::all_of(removed.begin(), removed.end(), [&](const auto& r) {
+            return std::all_of(r->runningOn.begin(), r->runningOn.end(),
+                               [&](std::thread::id t) { return t == self; });
         });
-    });
+    };
+    if (!callsEnded()) {
+        awaiting_[self] = &removed;
+        struct Done {
+            std::unordered_map<std::thread::id, const std::vector<std::shared_ptr<Registration>>*>&
+                awaiting;
+            std::thread::id self;
+            ~Done() { awaiting.erase(self); }
+        } done{awaiting_, self};
+        if (waitWouldDeadlockLocked(self)) {
+            throw InternalInconsistencyException(
+                "NotificationCenter: removing an observer whose call is running on a thread that "
+                "is itself waiting to remove an observer running on this thread would never "
+                "return.");
+        }
+        callsEnded_.wait(lock, callsEnded);
+    }
     lock.unlock();
     // `removed` may hold the last references; observers' captures are destroyed here, unlocked.
+}
+
+bool NotificationCenter::waitWouldDeadlockLocked(std::thread::id self) const {
+    // Follow "waits for a call running on" from this thread; reaching it again is a cycle.
+    std::vector<std::thread::id> pending{self};
+    std::vector<std::thread::id> seen;
+    while (!pending.empty()) {
+        const auto waiter = pending.back();
+        pending.pop_back();
+        const auto awaited = awaiting_.find(waiter);
+        if (awaited == awaiting_.end()) {
+            continue;
+        }
+        for (const auto& r : *awaited->second) {
+            for (const auto runner : r->runningOn) {
+                if (runner == waiter) {
+                    continue;
+                }
+                if (runner == self) {
+                    return true;
+                }
+                if (std::find(seen.begin(), seen.end(), runner) == seen.end()) {
+                    seen.push_back(runner);
+                    pending.push_back(runner);
+                }
+            }
+        }
+    }
+    return false;
 }
 
 void NotificationCenter::post(const Notification& notification) {
@@ -133,27 +171,27 @@ void NotificationCenter::post(std::string name, std::shared_ptr<Object> sender,
 }
 
 void NotificationCenter::deliver(Registration& registration, const Notification& notification) {
+    const auto self = std::this_thread::get_id();
     {
         std::lock_guard lock(mutex_);
         if (registration.removed) {
             return;
         }
-        ++registration.runningCalls;
+        registration.runningOn.push_back(self);
     }
     struct CallEnd {
         NotificationCenter& center;
         Registration& registration;
+        std::thread::id self;
         ~CallEnd() {
-            tCallsOnThisThread.pop_back();
             std::lock_guard lock(center.mutex_);
-            --registration.runningCalls;
+            auto& runners = registration.runningOn;
+            runners.erase(std::find(runners.begin(), runners.end(), self));
             if (registration.removed) {
                 center.callsEnded_.notify_all();
             }
         }
-    };
-    tCallsOnThisThread.push_back(&registration);
-    CallEnd end{*this, registration};
+    } end{*this, registration, self};
     registration.observer(notification);
 }
 

@@ -1,12 +1,16 @@
 #include "qn/Operation.h"
 
+#include <algorithm>
+#include <vector>
+
 #include "qn/Exception.h"
 
 namespace qn {
 namespace {
 
-// The operation whose main() runs on this thread, to refuse waiting for oneself.
-thread_local const Operation* tRunningOperation = nullptr;
+// The operations whose main() runs on this thread, innermost last (an operation may start
+// another inline), to refuse waiting for oneself.
+thread_local std::vector<const Operation*> tRunningOperations;
 
 }  // namespace
 
@@ -35,13 +39,9 @@ bool Operation::markEnqueued() {
 }
 
 void Operation::start() {
-    {
-        std::lock_guard lock(mutex_);
-        if (state_ != State::Ready) {
-            throw InternalInconsistencyException(
-                "Operation::start: the operation is already enqueued, executing or finished.");
-        }
-        state_ = State::Enqueued;
+    if (!markEnqueued()) {
+        throw InternalInconsistencyException(
+            "Operation::start: the operation is already enqueued, executing or finished.");
     }
     run();
 }
@@ -53,26 +53,27 @@ void Operation::run() {
     }
     struct Finisher {
         Operation* operation;
-        const Operation* outer = tRunningOperation;
-        ~Finisher() {
-            tRunningOperation = outer;
-            operation->finish();
-        }
+        ~Finisher() { operation->finish(); }
     } finisher{this};
     if (!isCancelled()) {
-        tRunningOperation = this;
+        tRunningOperations.push_back(this);
+        struct Pop {
+            ~Pop() { tRunningOperations.pop_back(); }
+        } pop;
         main();
     }
 }
 
 void Operation::finish() {
+    releaseResources();
     std::lock_guard lock(mutex_);
     state_ = State::Finished;
     finished_.notify_all();
 }
 
 void Operation::waitUntilFinished() const {
-    if (tRunningOperation == this) {
+    if (std::find(tRunningOperations.begin(), tRunningOperations.end(), this) !=
+        tRunningOperations.end()) {
         throw InternalInconsistencyException(
             "Operation::waitUntilFinished called from the operation itself would never return.");
     }
@@ -81,11 +82,17 @@ void Operation::waitUntilFinished() const {
 }
 
 std::shared_ptr<BlockOperation> BlockOperation::create(Block block) {
+    if (!block) {
+        throw InternalInconsistencyException("BlockOperation::create: empty block.");
+    }
     return std::make_shared<BlockOperation>(
         Private{}, [block = std::move(block)](const OuterOperation&) { block(); });
 }
 
 std::shared_ptr<BlockOperation> BlockOperation::create(BlockWithOperation block) {
+    if (!block) {
+        throw InternalInconsistencyException("BlockOperation::create: empty block.");
+    }
     return std::make_shared<BlockOperation>(Private{}, std::move(block));
 }
 

@@ -80,10 +80,16 @@ void OperationQueue::startWaitingLocked() {
         running_.push_back(operation);
         const auto qos = operation->qualityOfService();
         auto self = std::static_pointer_cast<OperationQueue>(shared_from_this());
-        ThreadPool::shared().submit(
-            qos, [self = std::move(self), operation = std::move(operation)]() mutable {
+        try {
+            ThreadPool::shared().submit(qos, [self = std::move(self), operation]() mutable {
                 self->runOperation(std::move(operation));
             });
+        } catch (...) {
+            // No worker could be started: the operation waits for the next chance.
+            running_.pop_back();
+            waiting_.push_front(std::move(operation));
+            throw;
+        }
     }
 }
 

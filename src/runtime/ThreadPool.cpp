@@ -3,8 +3,10 @@
 #include <pthread.h>
 
 #include <exception>
+#include <system_error>
 #include <thread>
 
+#include "qn/Exception.h"
 #include "qn/Logger.h"
 
 namespace qn {
@@ -32,15 +34,29 @@ std::size_t ThreadPool::bandOf(QualityOfService qos) {
 }
 
 void ThreadPool::submit(QualityOfService qos, std::function<void()> task) {
+    if (!task) {
+        throw InternalInconsistencyException("ThreadPool::submit: empty task.");
+    }
     std::lock_guard lock(mutex_);
-    waiting_[bandOf(qos)].push_back(std::move(task));
+    auto& band = waiting_[bandOf(qos)];
+    band.push_back(std::move(task));
     ++waitingCount_;
     if (waitingCount_ > idleThreads_ && threads_ < kMaxThreads) {
-        ++threads_;
-        std::thread([this] { workerLoop(); }).detach();
-    } else {
-        wake_.notify_one();
+        try {
+            std::thread([this] { workerLoop(); }).detach();
+            ++threads_;
+            return;
+        } catch (const std::system_error&) {
+            // Out of threads for now: the workers there are will take the task in turn. With
+            // none at all, nothing ever would, so the caller must hear of it.
+            if (threads_ == 0) {
+                band.pop_back();
+                --waitingCount_;
+                throw;
+            }
+        }
     }
+    wake_.notify_one();
 }
 
 void ThreadPool::workerLoop() {
