@@ -1,0 +1,248 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cmath>
+#include <cstdio>
+#include <limits>
+
+#include "QNiCloud/QNiCloudMetadataItem.h"
+#include "qn/CapturingLogSink.h"
+#include "qn/FileAttributes.h"
+#include "qn/ForwardingFileManager.h"
+#include "qn/MetadataAttributes.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+
+// The state a comparison looks at; the defaults are an item that is nowhere yet.
+struct State {
+    bool D = false, d = false, U = false, u = false, C = false;
+    double pD = 0.0, pU = 0.0;
+    std::optional<qn::Date> date = qn::Date(100);
+};
+
+std::shared_ptr<QNiCloudMetadataItem> make(const State& s) {
+    auto item = std::make_shared<QNiCloudMetadataItem>();
+    item->setIsDownloaded(s.D);
+    item->setIsDownloading(s.d);
+    item->setIsUploaded(s.U);
+    item->setIsUploading(s.u);
+    item->setHasUnresolvedConflicts(s.C);
+    item->setPercentDownloaded(s.pD);
+    item->setPercentUploaded(s.pU);
+    item->setFsContentChangeDate(s.date);
+    return item;
+}
+
+std::size_t warnings(const qn::CapturingLogSink& sink) {
+    std::size_t n = 0;
+    for (const auto& line : sink.lines()) {
+        n += line.level == qn::LogLevel::Warn;
+    }
+    return n;
+}
+
+TEST(QNiCloudMetadataItemTest, ComparisonTakesTheFirstRuleThatHolds) {
+    const std::optional<qn::Date> later = qn::Date(200), earlier = qn::Date(50), none;
+    struct Case {
+        const char* what;
+        State old, now;
+        QNiCloudFileChangeType expected;
+        bool warns = false;
+    };
+    // clang-format off
+    const Case cases[] = {
+        {"identical", {}, {}, QNiCloudFileChangeNone},
+        {"conflicts before dates", {}, {.C = true, .date = later}, QNiCloudFileChangeConflictAppeared},
+        {"resolved before dates", {.C = true}, {.D = true, .date = later}, QNiCloudFileChangeConflictResolved},
+        {"agreeing conflicts do not hide dates", {.C = true}, {.C = true, .date = later}, QNiCloudFileChangeContentChanged},
+        {"later date hides transfers", {}, {.D = true, .d = true, .date = later}, QNiCloudFileChangeContentChanged},
+        {"downloading before downloaded", {.pD = 40}, {.D = true, .d = true, .pD = 40}, QNiCloudFileChangeDownloadingStarted},
+        {"downloaded before progress", {.pD = 40}, {.D = true, .pD = 100}, QNiCloudFileChangeDownloaded},
+        {"progress", {.d = true, .pD = 40}, {.d = true, .pD = 40.5}, QNiCloudFileChangeDownloadProgress},
+        {"progress has no tolerance", {.pD = 40}, {.pD = std::nextafter(40.0, 41.0)}, QNiCloudFileChangeDownloadProgress},
+        {"NaN differs from itself", {.pD = kNaN}, {.pD = kNaN}, QNiCloudFileChangeDownloadProgress},
+        {"no reverse download, no percent once downloaded", {.D = true, .pD = 100}, {.pD = 10}, QNiCloudFileChangeNone},
+        {"downloading stopped", {.d = true}, {}, QNiCloudFileChangeNone},
+        {"download before upload", {.pD = 1}, {.u = true, .pD = 2}, QNiCloudFileChangeDownloadProgress},
+        {"uploading before uploaded", {}, {.U = true, .u = true}, QNiCloudFileChangeUploadingStarted},
+        {"uploaded before progress", {.pU = 20}, {.U = true, .pU = 100}, QNiCloudFileChangeUploaded},
+        {"upload progress with NaN", {.pU = 20}, {.pU = kNaN}, QNiCloudFileChangeUploadProgress},
+        {"no percent once uploaded", {.U = true, .pU = 100}, {.pU = 3}, QNiCloudFileChangeNone},
+        {"backwards date alone", {}, {.date = earlier}, QNiCloudFileChangeNone, true},
+        {"backwards date, then transfers", {}, {.d = true, .date = earlier}, QNiCloudFileChangeDownloadingStarted, true},
+        {"missing old date is no content change", {.date = none}, {}, QNiCloudFileChangeNone, true},
+        {"missing new date", {}, {.U = true, .date = none}, QNiCloudFileChangeUploaded, true},
+        {"both dates missing", {.date = none}, {.date = none}, QNiCloudFileChangeNone, true},
+    };
+    // clang-format on
+    for (const auto& c : cases) {
+        qn::CapturingLogSink sink;
+        EXPECT_EQ(make(c.old)->compareWithMetadataItem(*make(c.now)), c.expected) << c.what;
+        EXPECT_EQ(warnings(sink), c.warns ? 1u : 0u) << c.what;
+    }
+}
+
+TEST(QNiCloudMetadataItemTest, DatesGoingBackwardsWarnWithExactText) {
+    qn::CapturingLogSink sink;
+    const auto old = make({.date = qn::Date(100.5)});
+    old->setFileName("a.txt");
+    old->compareWithMetadataItem(*make({.date = qn::Date(50.25)}));
+    make({.date = std::nullopt})->compareWithMetadataItem(*old);
+    EXPECT_TRUE(sink.contains(qn::LogLevel::Warn,
+                              "Unexpected metadata fsContentChangeDate value. Old = 2001-01-01 "
+                              "00:01:40 +0000 (100.500000), new = 2001-01-01 00:00:50 +0000 "
+                              "(50.250000)"));
+    EXPECT_TRUE(sink.contains(qn::LogLevel::Warn,
+                              "Unexpected metadata fsContentChangeDate value. Old = (null) "
+                              "(0.000000), new = 2001-01-01 00:01:40 +0000 (100.500000)"));
+
+    // Updating keeps the later date but takes every flag; size and name stay.
+    old->setContentSize(7);
+    old->updateStateUsingMetadataItem(
+        *make({.D = true, .d = true, .U = true, .C = true, .pD = 9, .pU = 8, .date = qn::Date(3)}));
+    EXPECT_TRUE(sink.contains(qn::LogLevel::Warn,
+                              "Unexpected metadata fsContentChangeDate value detected while "
+                              "updating metadata item state. Old = 2001-01-01 00:01:40 +0000 "
+                              "(100.500000), new = 2001-01-01 00:00:03 +0000 (3.000000); "
+                              "fileName = 'a.txt'"));
+    EXPECT_EQ(old->fsContentChangeDate(), qn::Date(100.5));
+    EXPECT_TRUE(old->isDownloaded() && old->isDownloading() && old->isUploaded() &&
+                old->hasUnresolvedConflicts());
+    EXPECT_FALSE(old->isUploading());
+    EXPECT_EQ(old->percentDownloaded(), 9);
+    EXPECT_EQ(old->percentUploaded(), 8);
+    EXPECT_EQ(old->contentSize(), 7u);
+    EXPECT_EQ(old->fileName(), "a.txt");
+
+    // A missing new date keeps the old one too; a later one, or any over a missing one, is taken.
+    old->updateStateUsingMetadataItem(*make({.date = std::nullopt}));
+    EXPECT_EQ(old->fsContentChangeDate(), qn::Date(100.5));
+    EXPECT_EQ(warnings(sink), 4u);
+    old->updateStateUsingMetadataItem(*make({.date = qn::Date(300)}));
+    EXPECT_EQ(old->fsContentChangeDate(), qn::Date(300));
+    const auto undated = make({.date = std::nullopt});
+    undated->updateStateUsingMetadataItem(*old);
+    EXPECT_EQ(undated->fsContentChangeDate(), qn::Date(300));
+    EXPECT_EQ(warnings(sink), 4u);
+}
+
+TEST(QNiCloudMetadataItemTest, SnapshotOfAPathAndItsCopy) {
+    qn::test::TemporaryDirectory dir;
+    const std::string file = dir.write("Docs/Report.txt", "hello");
+    const auto item = QNiCloudMetadataItem::metadataItemWithPath(file, true, false);
+    ASSERT_NE(item, nullptr);
+    EXPECT_EQ(item->contentSize(), 5u);
+    EXPECT_EQ(item->fsContentChangeDate(),
+              qn::Date::fromTimespec(dir.status("Docs/Report.txt").st_mtim));
+    EXPECT_EQ(item->fileName(), "Report.txt");
+    EXPECT_TRUE(item->isDownloaded());
+    EXPECT_EQ(item->percentDownloaded(), 100.0);
+    EXPECT_FALSE(item->isUploaded() || item->isDownloading() || item->isUploading());
+    EXPECT_EQ(item->percentUploaded(), 0.0);
+
+    const auto copy = item->copy();
+    EXPECT_EQ(copy->fileName(), std::nullopt);
+    EXPECT_EQ(copy->contentSize(), 5u);
+    EXPECT_EQ(copy->fsContentChangeDate(), item->fsContentChangeDate());
+    EXPECT_EQ(copy->compareWithMetadataItem(*item), QNiCloudFileChangeNone);
+    EXPECT_EQ(QNiCloudMetadataItem::metadataItemWithQNiCloudMetadataItem(nullptr), nullptr);
+
+    const auto directory =
+        QNiCloudMetadataItem::metadataItemWithPath(dir.mkdir("Folder"), false, true);
+    EXPECT_EQ(directory->fileName(), "Folder");
+    EXPECT_EQ(directory->contentSize(), 0u);
+    EXPECT_EQ(directory->percentUploaded(), 100.0);
+}
+
+TEST(QNiCloudMetadataItemTest, UnreadableDateLogsAndGivesAPartialSnapshot) {
+    qn::test::TemporaryDirectory dir;
+    const std::string file = dir.write("a.txt", "abc");
+    struct NoDates final : qn::ForwardingFileManager {
+        using ForwardingFileManager::ForwardingFileManager;
+        std::optional<qn::Value> resourceValue(const qn::URL& url, std::string_view key,
+                                               qn::Error* error) override {
+            if (key == qn::NSURLContentModificationDateKey) {
+                qn::setError(error,
+                             qn::Error("Test", 7, {{qn::NSLocalizedDescriptionKey, "No date"}}));
+                return std::nullopt;
+            }
+            return ForwardingFileManager::resourceValue(url, key, error);
+        }
+    };
+    qn::FileManager::setDefaultManager(
+        std::make_shared<NoDates>(qn::FileManager::defaultManager()));
+    qn::CapturingLogSink sink;
+    const auto item = QNiCloudMetadataItem::metadataItemWithPath(file, true, true);
+    qn::FileManager::setDefaultManager(nullptr);
+
+    EXPECT_TRUE(sink.contains(qn::LogLevel::Error,
+                              "Unable to initialize QNiCloudMetadataItem for path " + file +
+                                  ": Error Domain=Test Code=7 \"No date\" "
+                                  "UserInfo={NSLocalizedDescription=No date}"));
+    ASSERT_NE(item, nullptr);
+    EXPECT_EQ(item->contentSize(), 3u);
+    EXPECT_FALSE(item->isDownloaded() || item->isUploaded());
+    EXPECT_EQ(item->percentDownloaded(), 0.0);
+    EXPECT_EQ(item->fsContentChangeDate(), std::nullopt);
+    EXPECT_EQ(item->fileName(), std::nullopt);
+}
+
+TEST(QNiCloudMetadataItemTest, SnapshotOfAQueryResult) {
+    EXPECT_EQ(QNiCloudMetadataItem::metadataItemWithMetadataItem(nullptr, false), nullptr);
+
+    const auto done = QNiCloudMetadataItem::metadataItemWithMetadataItem(
+        std::make_shared<qn::MetadataItem>(qn::Dictionary{
+            {qn::NSMetadataItemPathKey, "/c/Docs/a.txt"},
+            {qn::NSMetadataItemFSSizeKey, 12.9},
+            {qn::NSMetadataItemFSContentChangeDateKey, qn::Date(42)},
+            {qn::NSURLUbiquitousItemDownloadingStatusKey,
+             qn::NSURLUbiquitousItemDownloadingStatusCurrent},
+            {qn::NSMetadataUbiquitousItemIsDownloadingKey, true},
+            {qn::NSMetadataUbiquitousItemPercentDownloadedKey, 40.0},
+            {qn::NSMetadataUbiquitousItemIsUploadedKey, true},
+            {qn::NSMetadataUbiquitousItemIsUploadingKey, true},
+            {qn::NSMetadataUbiquitousItemPercentUploadedKey, 30.0},
+            {qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey, true},
+        }),
+        true);
+    EXPECT_TRUE(done->isDownloaded() && done->isUploaded() && done->hasUnresolvedConflicts());
+    EXPECT_FALSE(done->isDownloading() || done->isUploading());
+    EXPECT_EQ(done->percentDownloaded(), 100.0);
+    EXPECT_EQ(done->percentUploaded(), 100.0);
+    EXPECT_EQ(done->contentSize(), 12u);
+    EXPECT_EQ(done->fsContentChangeDate(), qn::Date(42));
+    EXPECT_EQ(done->fileName(), std::nullopt);
+
+    const auto pending = QNiCloudMetadataItem::metadataItemWithMetadataItem(
+        std::make_shared<qn::MetadataItem>(qn::Dictionary{
+            {qn::NSMetadataUbiquitousItemIsDownloadingKey, true},
+            {qn::NSMetadataUbiquitousItemPercentDownloadedKey, 40.0},
+            {qn::NSMetadataUbiquitousItemIsUploadingKey, true},
+            {qn::NSMetadataUbiquitousItemPercentUploadedKey, 30.0},
+        }),
+        false);
+    EXPECT_TRUE(pending->isDownloading() && pending->isUploading());
+    EXPECT_EQ(pending->percentDownloaded(), 40.0);
+    EXPECT_EQ(pending->percentUploaded(), 30.0);
+    EXPECT_EQ(pending->contentSize(), 0u);
+    EXPECT_EQ(pending->fsContentChangeDate(), std::nullopt);
+}
+
+TEST(QNiCloudMetadataItemTest, DescriptionFormat) {
+    const auto item = make({.D = true, .U = true, .C = true, .pD = 100, .pU = 12.5});
+    char address[32];
+    std::snprintf(address, sizeof address, "%p", static_cast<const void*>(item.get()));
+    EXPECT_EQ(item->description(), std::string("<QNiCloudMetadataItem ") + address +
+                                       ": D-U-C, %D = 100.000000, %U = 12.500000, fsCD = "
+                                       "2001-01-01 00:01:40 +0000>");
+    const auto empty = std::make_shared<QNiCloudMetadataItem>();
+    empty->setIsDownloading(true);
+    empty->setIsUploading(true);
+    EXPECT_TRUE(
+        empty->description().ends_with(": -d-u-, %D = 0.000000, %U = 0.000000, fsCD = (null)>"));
+}
+
+}  // namespace
