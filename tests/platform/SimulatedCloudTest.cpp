@@ -1,0 +1,465 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "qn/FileAttributes.h"
+#include "qn/MainQueue.h"
+#include "qn/MetadataAttributes.h"
+#include "qn/NotificationCenter.h"
+#include "qn/PathString.h"
+#include "qn/SimulatedCloud.h"
+#include "qn/UbiquityErrors.h"
+#include "qn/util/ContainerHelpers.h"
+#include "qn/util/PathNormalization.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using qn::SimulatedCloud;
+using qn::SimulatedDownloadingStatus;
+using qn::SimulatedItemState;
+using qn::SimulatedLocalCopy;
+using ::testing::ElementsAre;
+
+constexpr const char* kContainer = "iCloud.com.example.Notes";
+
+// Records every feed call as one line: "gather a b", "finish", "change a | -b".
+class RecordingObserver : public qn::MetadataFeedObserver {
+public:
+    void feedDidGather(std::vector<std::shared_ptr<const qn::MetadataItem>> items) override {
+        record("gather", items, {});
+    }
+    void feedDidFinishGathering() override { record("finish", {}, {}); }
+    void feedDidChange(std::vector<std::shared_ptr<const qn::MetadataItem>> items,
+                       std::vector<std::string> removed) override {
+        record("change", items, removed);
+    }
+
+    std::vector<std::string> calls() {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
+    // The last report of the item whose file name is `name`.
+    std::shared_ptr<const qn::MetadataItem> latest(const std::string& name) {
+        std::lock_guard lock(mutex_);
+        for (auto it = items_.rbegin(); it != items_.rend(); ++it) {
+            if (qn::lastPathComponent((*it)->path()) == name) {
+                return *it;
+            }
+        }
+        return nullptr;
+    }
+
+private:
+    void record(std::string line, const std::vector<std::shared_ptr<const qn::MetadataItem>>& items,
+                const std::vector<std::string>& removed) {
+        std::lock_guard lock(mutex_);
+        for (const auto& item : items) {
+            line += " " + qn::lastPathComponent(item->path());
+            items_.push_back(item);
+        }
+        if (!removed.empty()) {
+            line += " |";
+            for (const auto& path : removed) {
+                line += " -" + qn::lastPathComponent(path);
+            }
+        }
+        calls_.push_back(line);
+    }
+
+    std::mutex mutex_;
+    std::vector<std::string> calls_;
+    std::vector<std::shared_ptr<const qn::MetadataItem>> items_;
+};
+
+std::string readFile(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
+qn::Value attribute(const qn::MetadataItem& item, std::string_view key) {
+    const qn::Value* value = item.valueForAttribute(key);
+    return value != nullptr ? *value : qn::Value();
+}
+
+class SimulatedCloudTest : public ::testing::Test {
+protected:
+    SimulatedCloudTest() { qn::setUbiquityDriveDirectory(root.pathOf("Mobile Documents")); }
+    ~SimulatedCloudTest() override {
+        qn::MainQueue::drain();  // no notification of this test reaches the next one
+        qn::setUbiquityDriveDirectory("");
+    }
+
+    static qn::URL container() { return QNiCloudContainerURLFromIdentifier(kContainer); }
+    static qn::URL document(std::string_view name) {
+        return container().URLByAppendingPathComponent("Documents/" + std::string(name));
+    }
+    std::string onDisk(std::string_view name) const {
+        return root.read("Mobile Documents/iCloud~com~example~Notes/Documents/" +
+                         std::string(name));
+    }
+    bool existsOnDisk(std::string_view name) const {
+        return root.exists("Mobile Documents/iCloud~com~example~Notes/Documents/" +
+                           std::string(name));
+    }
+    std::uint64_t startFeed(const std::shared_ptr<RecordingObserver>& observer,
+                            const char* scope = qn::NSMetadataQueryUbiquitousDocumentsScope) {
+        return cloud->startMetadataFeed({scope}, observer);
+    }
+
+    qn::test::TemporaryDirectory root;
+    std::shared_ptr<SimulatedCloud> cloud = SimulatedCloud::create("alice@example.com");
+    std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
+    qn::Error error;
+};
+
+TEST_F(SimulatedCloudTest, AccountChangesGiveTokensAndPostTheIdentityNotification) {
+    int posted = 0;
+    auto observation = qn::NotificationCenter::defaultCenter().addObserver(
+        qn::NSUbiquityIdentityDidChangeNotification, nullptr, [&](const qn::Notification& n) {
+            EXPECT_TRUE(qn::MainQueue::isMainThread());
+            EXPECT_EQ(n.object, nullptr);
+            ++posted;
+        });
+    const auto alice = cloud->identityToken();
+    ASSERT_TRUE(alice);
+    EXPECT_EQ(SimulatedCloud::create("alice@example.com")->identityToken(), alice);
+
+    cloud->signIn("alice@example.com");  // already signed in: nothing changes
+    cloud->switchAccount("bob@example.com");
+    ASSERT_TRUE(cloud->identityToken());
+    EXPECT_NE(cloud->identityToken(), alice);
+    cloud->signOut();
+    EXPECT_EQ(cloud->identityToken(), std::nullopt);
+    EXPECT_EQ(cloud->containerURL(kContainer), std::nullopt);
+    cloud->signIn("alice@example.com");
+    EXPECT_EQ(cloud->identityToken(), alice);
+
+    EXPECT_EQ(posted, 0) << "posted later, on the main queue";
+    EXPECT_TRUE(qn::MainQueue::runUntil([&] { return posted == 3; }, 5s));
+    qn::MainQueue::drain();
+    EXPECT_EQ(posted, 3);
+}
+
+TEST_F(SimulatedCloudTest, ContainerAnswersInAnotherSpellingStillNameTheSameItems) {
+    const qn::URL generated = container();
+    EXPECT_EQ(cloud->containerURL(kContainer), generated);
+    EXPECT_TRUE(std::filesystem::is_directory(generated.path()));
+    EXPECT_EQ(cloud->containerURL("bad/identifier"), std::nullopt);
+
+    // "/private", another letter case and no directory flag: one spelling the platform may use.
+    const std::string odd = "/private" + root.pathOf("MOBILE Documents/icloud~com~example~notes");
+    cloud->setContainerURL(kContainer, qn::URL::fileURLWithPath(odd, false));
+    EXPECT_EQ(cloud->containerURL(kContainer), qn::URL::fileURLWithPath(odd, false));
+
+    const qn::URL oddItem = qn::URL::fileURLWithPath(odd + "/Documents/Cafe\u0301.txt", false);
+    cloud->setItem(oddItem, SimulatedItemState::downloaded("latte"));
+    EXPECT_EQ(onDisk("Caf\u00e9.txt"), "latte") << "written at the generated location";
+    ASSERT_TRUE(cloud->item(document("CAF\u00c9.txt")));
+    EXPECT_EQ(cloud->localURL(oddItem), document("Caf\u00e9.txt"));
+
+    // A symbolic link to the container, as another machine layout might answer.
+    root.symlink("alias", generated.path());
+    cloud->setContainerURL(kContainer, root.urlOf("alias", true));
+    EXPECT_TRUE(cloud->evict(root.urlOf("alias/Documents/Caf\u00e9.txt"), &error))
+        << error.description();
+    EXPECT_FALSE(existsOnDisk("Caf\u00e9.txt"));
+
+    EXPECT_THROW(cloud->setItem(root.urlOf("elsewhere.txt"), {}), std::invalid_argument);
+    EXPECT_THROW(cloud->setItem(generated, {}), std::invalid_argument) << "a container is no item";
+}
+
+TEST_F(SimulatedCloudTest, FeedGathersInBatchesThenFinishesThenReportsMergedChanges) {
+    for (const char* name : {"c.txt", "a.txt", "b.txt"}) {
+        cloud->setItem(document(name), SimulatedItemState::downloaded(name));
+    }
+    cloud->setItem(container().URLByAppendingPathComponent("Data/settings.plist"), {});
+    cloud->setGatheringBatchSize(2);
+    const auto dataObserver = std::make_shared<RecordingObserver>();
+    const std::uint64_t feed = startFeed(observer);
+    startFeed(dataObserver, qn::NSMetadataQueryUbiquitousDataScope);
+
+    // Changes after the start come after gathering, merged per item, in first-change order.
+    cloud->updateItem(document("b.txt"), [](SimulatedItemState& s) { s.uploading = true; });
+    cloud->setItem(document("d.txt"), SimulatedItemState::notDownloaded("d"));
+    cloud->updateItem(document("b.txt"), [](SimulatedItemState& s) { s.percentUploaded = 50; });
+    cloud->removeItem(document("c.txt"));
+    EXPECT_TRUE(observer->calls().empty()) << "nothing is delivered unasked";
+    EXPECT_EQ(cloud->pendingQueryBatchCount(), 4u + 2u);
+
+    EXPECT_EQ(cloud->deliverNextQueryBatch(), 2u);
+    EXPECT_THAT(observer->calls(), ElementsAre("gather a.txt b.txt"));
+    cloud->deliverQueryBatches();
+    EXPECT_THAT(observer->calls(), ElementsAre("gather a.txt b.txt", "gather c.txt", "finish",
+                                               "change b.txt d.txt | -c.txt"));
+    EXPECT_EQ(attribute(*observer->latest("b.txt"), qn::NSMetadataUbiquitousItemPercentUploadedKey),
+              qn::Value(50.0));
+    EXPECT_THAT(dataObserver->calls(), ElementsAre("gather settings.plist", "finish"));
+
+    cloud->stopMetadataFeed(feed);
+    cloud->setItem(document("e.txt"), {});
+    EXPECT_EQ(cloud->deliverQueryBatches(), 0u);
+    EXPECT_EQ(observer->calls().size(), 4u);
+    EXPECT_EQ(cloud->runningFeedCount(), 1u);
+
+    // Without an account a feed gathers nothing and hears nothing.
+    cloud->signOut();
+    const auto signedOut = std::make_shared<RecordingObserver>();
+    startFeed(signedOut);
+    cloud->setItem(document("f.txt"), {});
+    cloud->deliverQueryBatches();
+    EXPECT_THAT(signedOut->calls(), ElementsAre("gather", "finish"));
+}
+
+TEST_F(SimulatedCloudTest, ItemStatesAreReportedThroughTheAttributeKeys) {
+    SimulatedItemState state = SimulatedItemState::downloaded("old", qn::Date(100));
+    state.downloadingStatus = SimulatedDownloadingStatus::Downloaded;  // outdated local copy
+    state.creationDate = qn::Date(50);
+    state.uploaded = false;
+    state.uploading = true;
+    state.percentUploaded = 12.5;
+    state.hasUnresolvedConflicts = true;
+    cloud->setItem(document("Report.txt"), state);
+    // Broken: Current, with nothing on the disk; and odd: a decomposed path, no size.
+    SimulatedItemState broken;
+    broken.attributeOverrides.set(qn::NSMetadataItemPathKey, document("Cafe\u0301.txt").path());
+    broken.omittedAttributes = {qn::NSMetadataItemFSSizeKey};
+    cloud->setItem(document("Caf\u00e9.txt"), broken, SimulatedLocalCopy::Keep);
+    startFeed(observer);
+    cloud->deliverQueryBatches();
+
+    const auto report = observer->latest("Report.txt");
+    ASSERT_NE(report, nullptr);
+    EXPECT_EQ(report->path(), document("Report.txt").path());
+    EXPECT_EQ(report->attributes().size(), 16u);
+    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSNameKey), qn::Value("Report.txt"));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataItemURLKey), qn::Value(document("Report.txt")));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSSizeKey), qn::Value(std::uint64_t{3}));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSCreationDateKey), qn::Value(qn::Date(50)));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSContentChangeDateKey),
+              qn::Value(qn::Date(100)));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataItemIsUbiquitousKey), qn::Value(true));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey),
+              qn::Value(true));
+    EXPECT_EQ(attribute(*report, qn::NSURLUbiquitousItemDownloadingStatusKey),
+              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusDownloaded));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsDownloadedKey), qn::Value(true));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsUploadedKey), qn::Value(false));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsUploadingKey), qn::Value(true));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemPercentUploadedKey), qn::Value(12.5));
+    struct stat status =
+        root.status("Mobile Documents/iCloud~com~example~Notes/Documents/Report.txt");
+    EXPECT_EQ(qn::Date::fromTimespec(status.st_mtim), qn::Date(100));
+
+    const auto odd = observer->latest("Cafe\u0301.txt");
+    ASSERT_NE(odd, nullptr);
+    EXPECT_EQ(odd->valueForAttribute(qn::NSMetadataItemFSSizeKey), nullptr);
+    EXPECT_EQ(attribute(*odd, qn::NSURLUbiquitousItemDownloadingStatusKey),
+              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusCurrent));
+    EXPECT_TRUE(cloud->startDownloading(document("Caf\u00e9.txt"), &error)) << "trusts its status";
+    EXPECT_FALSE(existsOnDisk("Caf\u00e9.txt"));
+
+    EXPECT_EQ(
+        cloud->resourceValue(document("Report.txt"), qn::NSURLUbiquitousItemIsUploadedKey, &error),
+        qn::Value(false));
+    EXPECT_EQ(cloud->resourceValue(document("Report.txt"),
+                                   qn::NSURLUbiquitousItemDownloadingStatusKey, &error),
+              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusDownloaded));
+    EXPECT_EQ(cloud->resourceValue(document("nothing.txt"), qn::NSURLUbiquitousItemIsDownloadedKey,
+                                   &error),
+              std::nullopt);
+    EXPECT_FALSE(error);
+}
+
+TEST_F(SimulatedCloudTest, ProgressiveDownloadEndsWithTheCloudContentsOnDisk) {
+    cloud->setItem(document("Big.txt"), SimulatedItemState::notDownloaded("payload", qn::Date(9)));
+    cloud->setDownloadBehavior(document("Big.txt"), qn::SimulatedDownloadBehavior::progressive());
+    EXPECT_THROW(cloud->advanceDownload(document("Big.txt"), 10), std::logic_error);
+    startFeed(observer);
+    cloud->deliverQueryBatches();
+
+    ASSERT_TRUE(cloud->startDownloading(document("Big.txt"), &error)) << error.description();
+    cloud->advanceDownload(document("Big.txt"), 40);
+    EXPECT_FALSE(existsOnDisk("Big.txt"));
+    cloud->deliverQueryBatches();
+    auto report = observer->latest("Big.txt");
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsDownloadingKey), qn::Value(true));
+    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemPercentDownloadedKey),
+              qn::Value(40.0));
+
+    cloud->advanceDownload(document("Big.txt"), 250);  // clamped: completes
+    EXPECT_EQ(onDisk("Big.txt"), "payload");
+    const auto state = cloud->item(document("Big.txt"));
+    EXPECT_EQ(state->downloadingStatus, SimulatedDownloadingStatus::Current);
+    EXPECT_FALSE(state->downloading);
+    EXPECT_EQ(state->percentDownloaded, 100.0);
+    cloud->deliverQueryBatches();
+    report = observer->latest("Big.txt");
+    EXPECT_EQ(attribute(*report, qn::NSURLUbiquitousItemDownloadingStatusKey),
+              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusCurrent));
+    EXPECT_EQ(observer->calls().size(), 4u);
+}
+
+TEST_F(SimulatedCloudTest, DownloadFailuresAndEviction) {
+    cloud->setItem(document("a.txt"), SimulatedItemState::notDownloaded("cloud bytes"));
+    EXPECT_FALSE(cloud->startDownloading(document("missing.txt"), &error));
+    EXPECT_EQ(error.code(), qn::NSFileReadNoSuchFileError);
+    EXPECT_FALSE(cloud->startDownloading(root.urlOf("outside.txt"), &error));
+    EXPECT_EQ(error.code(), qn::NSUbiquitousFileUnavailableError);
+
+    cloud->setNetworkReachable(false);
+    EXPECT_FALSE(cloud->startDownloading(document("a.txt"), &error));
+    EXPECT_EQ(error.code(), qn::NSUbiquitousFileUbiquityServerNotAvailable);
+    cloud->setNetworkReachable(true);
+
+    const qn::Error refused(qn::NSCocoaErrorDomain, qn::NSFileReadNoPermissionError);
+    cloud->setDefaultDownloadBehavior(qn::SimulatedDownloadBehavior::failing(refused));
+    EXPECT_FALSE(cloud->startDownloading(document("a.txt"), &error));
+    EXPECT_EQ(error, refused);
+    EXPECT_EQ(cloud->item(document("a.txt"))->downloadingStatus,
+              SimulatedDownloadingStatus::NotDownloaded);
+
+    cloud->setDownloadBehavior(document("a.txt"), qn::SimulatedDownloadBehavior::immediate());
+    ASSERT_TRUE(cloud->startDownloading(document("a.txt"), &error)) << error.description();
+    EXPECT_EQ(onDisk("a.txt"), "cloud bytes");
+
+    startFeed(observer);
+    cloud->deliverQueryBatches();
+    EXPECT_TRUE(cloud->evict(document("a.txt"), &error)) << error.description();
+    EXPECT_FALSE(existsOnDisk("a.txt"));
+    cloud->deliverQueryBatches();
+    EXPECT_EQ(attribute(*observer->latest("a.txt"), qn::NSURLUbiquitousItemDownloadingStatusKey),
+              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusNotDownloaded));
+    EXPECT_FALSE(cloud->evict(document("a.txt"), &error)) << "nothing local left";
+    EXPECT_EQ(error.code(), qn::NSFileReadNoSuchFileError);
+
+    cloud->signOut();
+    EXPECT_FALSE(cloud->startDownloading(document("a.txt"), &error));
+    EXPECT_EQ(error.code(), qn::NSUbiquitousFileUnavailableError);
+    EXPECT_EQ(
+        cloud->resourceValue(document("a.txt"), qn::NSURLUbiquitousItemIsUploadedKey, nullptr),
+        std::nullopt);
+}
+
+TEST_F(SimulatedCloudTest, ConflictVersionsAreListedResolvedAndRemoved) {
+    cloud->setItem(document("Doc.txt"), SimulatedItemState::downloaded("mine"));
+    startFeed(observer);
+    cloud->deliverQueryBatches();
+
+    const auto later =
+        cloud->addConflictVersion(document("Doc.txt"), "theirs", qn::Date(20), "Bob's laptop");
+    const auto same = cloud->addConflictVersion(document("Doc.txt"), "mine", qn::Date(10));
+    EXPECT_TRUE(cloud->item(document("Doc.txt"))->hasUnresolvedConflicts);
+    const auto versions = cloud->otherVersionsOfItem(document("Doc.txt"));
+    ASSERT_EQ(versions.size(), 2u);
+    EXPECT_EQ(versions[0].identifier, same.identifier) << "oldest first";
+    EXPECT_EQ(versions[1].localizedNameOfSavingComputer, "Bob's laptop");
+    EXPECT_TRUE(versions[1].isConflict);
+    const std::string versionsDirectory = qn::stringByDeletingLastPathComponent(
+        qn::stringByDeletingLastPathComponent(later.url.path()));
+    EXPECT_FALSE(qn::isBasePathOfPath(root.path(), versionsDirectory)) << "outside the drive";
+    EXPECT_EQ(readFile(later.url.path()), "theirs");
+
+    ASSERT_TRUE(cloud->setVersionResolved(document("Doc.txt"), later.identifier, true, &error));
+    EXPECT_TRUE(cloud->item(document("Doc.txt"))->hasUnresolvedConflicts) << "one is left";
+    ASSERT_TRUE(cloud->removeVersion(document("Doc.txt"), same.identifier, &error));
+    EXPECT_FALSE(cloud->item(document("Doc.txt"))->hasUnresolvedConflicts);
+    EXPECT_FALSE(std::filesystem::exists(same.url.path()));
+    EXPECT_FALSE(cloud->removeVersion(document("Doc.txt"), same.identifier, &error));
+    EXPECT_EQ(error.code(), qn::NSFileReadNoSuchFileError);
+
+    cloud->deliverQueryBatches();
+    EXPECT_THAT(observer->calls(), ElementsAre("gather Doc.txt", "finish", "change Doc.txt"));
+    EXPECT_EQ(attribute(*observer->latest("Doc.txt"),
+                        qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey),
+              qn::Value(false));
+
+    cloud.reset();
+    EXPECT_FALSE(std::filesystem::exists(versionsDirectory)) << "the cloud cleans up";
+}
+
+TEST_F(SimulatedCloudTest, NetworkChangesPostReachabilityWithTheCloudAsSender) {
+    std::vector<std::shared_ptr<qn::Object>> senders;
+    auto observation = qn::NotificationCenter::defaultCenter().addObserver(
+        qn::QNUbiquityServiceReachabilityDidChangeNotification, nullptr,
+        [&](const qn::Notification& n) { senders.push_back(n.object); });
+    EXPECT_EQ(cloud->isNetworkReachable(), true);
+    cloud->setNetworkReachable(true);  // no change
+    cloud->setNetworkReachable(false);
+    EXPECT_EQ(cloud->isNetworkReachable(), false);
+    EXPECT_TRUE(qn::MainQueue::runUntil([&] { return !senders.empty(); }, 5s));
+    qn::MainQueue::drain();
+    ASSERT_EQ(senders.size(), 1u);
+    EXPECT_EQ(senders[0], cloud);
+}
+
+// An observer that fails the test when calls of its feed overlap or come after the feed stopped.
+class StrictObserver : public qn::MetadataFeedObserver {
+public:
+    void feedDidGather(std::vector<std::shared_ptr<const qn::MetadataItem>>) override { enter(); }
+    void feedDidFinishGathering() override { enter(); }
+    void feedDidChange(std::vector<std::shared_ptr<const qn::MetadataItem>>,
+                       std::vector<std::string>) override {
+        enter();
+    }
+
+    std::atomic<bool> stopped{false};
+    std::atomic<int> calls{0};
+
+private:
+    void enter() {
+        EXPECT_FALSE(stopped.load()) << "a call after the feed stopped";
+        EXPECT_FALSE(inside_.exchange(true)) << "overlapping calls";
+        std::this_thread::sleep_for(200us);
+        ++calls;
+        inside_ = false;
+    }
+    std::atomic<bool> inside_{false};
+};
+
+TEST_F(SimulatedCloudTest, AutomaticDeliveryNeverOverlapsAndStopWaitsForIt) {
+    cloud->setAutomaticDelivery(true);
+    std::vector<std::shared_ptr<StrictObserver>> observers;
+    std::vector<std::uint64_t> feeds;
+    for (int i = 0; i < 3; ++i) {
+        observers.push_back(std::make_shared<StrictObserver>());
+        feeds.push_back(cloud->startMetadataFeed({qn::NSMetadataQueryUbiquitousDocumentsScope},
+                                                 observers.back()));
+    }
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 3; ++t) {
+        writers.emplace_back([&, t] {
+            for (int i = 0; i < 40; ++i) {
+                const qn::URL url = document("t" + std::to_string(t) + "-" + std::to_string(i % 5));
+                cloud->setItem(url, SimulatedItemState::notDownloaded("x"));
+                cloud->deliverQueryBatches();  // racing the automatic deliveries
+                cloud->startDownloading(url, nullptr);
+            }
+        });
+    }
+    std::this_thread::sleep_for(5ms);
+    cloud->stopMetadataFeed(feeds[0]);
+    observers[0]->stopped = true;
+    for (auto& writer : writers) {
+        writer.join();
+    }
+    for (std::size_t i = 1; i < feeds.size(); ++i) {
+        cloud->stopMetadataFeed(feeds[i]);
+        observers[i]->stopped = true;
+        EXPECT_GE(observers[i]->calls.load(), 2) << "gathered and finished at least";
+    }
+}
+
+}  // namespace

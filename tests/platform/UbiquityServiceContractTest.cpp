@@ -1,0 +1,164 @@
+// What every ubiquity service promises, checked against each backend: the service with no
+// account, and the simulated cloud signed out and signed in.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "qn/FileAttributes.h"
+#include "qn/MetadataAttributes.h"
+#include "qn/SimulatedCloud.h"
+#include "qn/UbiquityErrors.h"
+#include "qn/UbiquityService.h"
+#include "qn/util/ContainerHelpers.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+constexpr const char* kContainer = "iCloud.com.example.Contract";
+
+struct Backend {
+    std::string name;
+    std::function<std::shared_ptr<qn::UbiquityService>()> make;
+    bool signedIn = false;
+};
+
+std::ostream& operator<<(std::ostream& stream, const Backend& backend) {
+    return stream << backend.name;
+}
+
+class CountingObserver : public qn::MetadataFeedObserver {
+public:
+    void feedDidGather(std::vector<std::shared_ptr<const qn::MetadataItem>>) override {
+        EXPECT_EQ(finished, 0) << "gathering after its end";
+        ++gathered;
+    }
+    void feedDidFinishGathering() override { ++finished; }
+    void feedDidChange(std::vector<std::shared_ptr<const qn::MetadataItem>>,
+                       std::vector<std::string>) override {
+        EXPECT_EQ(finished, 1) << "a change before gathering ended";
+        ++changed;
+    }
+    int gathered = 0;
+    int finished = 0;
+    int changed = 0;
+};
+
+class UbiquityServiceContractTest : public ::testing::TestWithParam<Backend> {
+protected:
+    UbiquityServiceContractTest() {
+        qn::setUbiquityDriveDirectory(root.pathOf("Mobile Documents"));
+        qn::UbiquityService::setCurrent(GetParam().make());
+        service = qn::UbiquityService::current();
+        missing = QNiCloudContainerURLFromIdentifier(kContainer)
+                      .URLByAppendingPathComponent("Documents/missing.txt");
+    }
+    ~UbiquityServiceContractTest() override {
+        qn::UbiquityService::setCurrent(nullptr);
+        qn::setUbiquityDriveDirectory("");
+    }
+
+    // Lets a backend that delivers on request deliver what it queued.
+    void deliver() {
+        if (auto cloud = std::dynamic_pointer_cast<qn::SimulatedCloud>(service)) {
+            cloud->deliverQueryBatches();
+        }
+    }
+
+    qn::test::TemporaryDirectory root;
+    std::shared_ptr<qn::UbiquityService> service;
+    // Inside a container, so that a signed-in service knows where it is and reports no item.
+    qn::URL missing;
+};
+
+TEST_P(UbiquityServiceContractTest, AccountAndContainerGoTogether) {
+    ASSERT_NE(service, nullptr);
+    EXPECT_EQ(service->identityToken().has_value(), GetParam().signedIn);
+    const auto container = service->containerURL(kContainer);
+    EXPECT_EQ(container.has_value(), GetParam().signedIn);
+    if (container) {
+        EXPECT_TRUE(std::filesystem::is_directory(container->path()));
+    }
+}
+
+TEST_P(UbiquityServiceContractTest, UnknownItemsFailWithCocoaErrorsNamingTheItem) {
+    const auto expectFailure = [&](const char* call, const std::function<bool(qn::Error*)>& f) {
+        qn::Error error;
+        EXPECT_FALSE(f(&error)) << call;
+        EXPECT_EQ(error.domain(), qn::NSCocoaErrorDomain) << call;
+        EXPECT_EQ(error.code(), GetParam().signedIn ? qn::NSFileReadNoSuchFileError
+                                                    : qn::NSUbiquitousFileUnavailableError)
+            << call;
+        EXPECT_EQ(error.userInfo().urlForKey(qn::NSURLErrorKey) != nullptr
+                      ? *error.userInfo().urlForKey(qn::NSURLErrorKey)
+                      : qn::URL(),
+                  missing)
+            << call;
+        EXPECT_FALSE(f(nullptr)) << call << " without an error pointer";
+    };
+    expectFailure("startDownloading",
+                  [&](qn::Error* e) { return service->startDownloading(missing, e); });
+    expectFailure("evict", [&](qn::Error* e) { return service->evict(missing, e); });
+    expectFailure("setVersionResolved",
+                  [&](qn::Error* e) { return service->setVersionResolved(missing, "1", true, e); });
+    expectFailure("removeVersion",
+                  [&](qn::Error* e) { return service->removeVersion(missing, "1", e); });
+
+    qn::Error error;
+    EXPECT_EQ(service->resourceValue(missing, qn::NSURLUbiquitousItemIsUploadedKey, &error),
+              std::nullopt);
+    EXPECT_FALSE(error) << "no value is no error";
+    EXPECT_TRUE(service->otherVersionsOfItem(missing).empty());
+}
+
+TEST_P(UbiquityServiceContractTest, FeedsGatherThenFinishAndFallSilentWhenStopped) {
+    auto first = std::make_shared<CountingObserver>();
+    auto second = std::make_shared<CountingObserver>();
+    const std::vector<std::string> scopes{qn::NSMetadataQueryUbiquitousDocumentsScope};
+    const std::uint64_t one = service->startMetadataFeed(scopes, first);
+    const std::uint64_t two = service->startMetadataFeed(scopes, second);
+    EXPECT_NE(one, 0u);
+    EXPECT_NE(two, 0u);
+    EXPECT_NE(one, two);
+    deliver();
+    EXPECT_GE(first->gathered, 1);
+    EXPECT_EQ(first->finished, 1);
+
+    service->stopMetadataFeed(one);
+    service->stopMetadataFeed(one);  // twice is harmless
+    if (auto cloud = std::dynamic_pointer_cast<qn::SimulatedCloud>(service)) {
+        cloud->setItem(missing.URLByDeletingLastPathComponent().URLByAppendingPathComponent("new"),
+                       {});
+    }
+    deliver();
+    EXPECT_EQ(first->changed, 0);
+    EXPECT_EQ(second->changed, GetParam().signedIn ? 1 : 0);
+    EXPECT_EQ(first.use_count(), 1) << "a stopped feed's observer is released";
+    service->stopMetadataFeed(two);
+}
+
+TEST(UbiquityServiceCurrentTest, NullRestoresTheServiceWithNoAccount) {
+    const auto cloud = qn::SimulatedCloud::create("someone");
+    qn::UbiquityService::setCurrent(cloud);
+    EXPECT_EQ(qn::UbiquityService::current(), cloud);
+    qn::UbiquityService::setCurrent(nullptr);
+    ASSERT_NE(qn::UbiquityService::current(), nullptr);
+    EXPECT_NE(qn::UbiquityService::current(), cloud);
+    EXPECT_EQ(qn::UbiquityService::current()->identityToken(), std::nullopt);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Backends, UbiquityServiceContractTest,
+    ::testing::Values(
+        Backend{"NoAccount", [] { return nullptr; }, false},
+        Backend{"SimulatedSignedOut", [] { return qn::SimulatedCloud::create(); }, false},
+        Backend{"SimulatedSignedIn", [] { return qn::SimulatedCloud::create("someone"); }, true}),
+    [](const ::testing::TestParamInfo<Backend>& info) { return info.param.name; });
+
+}  // namespace
