@@ -1,27 +1,37 @@
-// A minimal host program: it drives the main queue the way a desktop application's event loop
-// does, hands work to a serial operation queue, and receives the results as notifications on the
-// main thread. It also shows how the library sums up what changed about a document between two
-// snapshots of its cloud state.
+// A host program's first minutes with the library, on a simulated cloud in a temporary drive
+// directory: it creates and installs the default presenter for its container, registers it, and
+// prints each notification as it arrives on the main thread while the user signs in and then
+// switches accounts. It also shows how the library sums up what changed about a document between
+// two snapshots of its cloud state.
 
 #include <fmt/core.h>
+#include <fmt/format.h>
+#include <stdlib.h>
 
 #include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <memory>
+#include <string>
 
+#include "QNiCloud/QNiCloud.h"
+#include "QNiCloud/QNiCloudDocumentsPresenter.h"
 #include "QNiCloud/QNiCloudMetadataItem.h"
 #include "qn/Dictionary.h"
+#include "qn/DispatchQueue.h"
 #include "qn/Logger.h"
 #include "qn/MainQueue.h"
 #include "qn/MetadataAttributes.h"
 #include "qn/MetadataItem.h"
 #include "qn/NotificationCenter.h"
-#include "qn/OperationQueue.h"
+#include "qn/SimulatedCloud.h"
+#include "qn/util/ContainerHelpers.h"
 
 namespace {
 
-constexpr const char* kWorkDidFinishNotification = "ExampleWorkDidFinishNotification";
+constexpr const char* kContainerIdentifier = "iCloud.com.example.Notes";
+constexpr auto kPatience = std::chrono::seconds(10);
 
 const char* changeName(QNiCloudFileChangeType change) {
     static constexpr const char* kNames[] = {"none",
@@ -63,36 +73,76 @@ void showSnapshotComparison() {
     std::filesystem::remove(path);
 }
 
+const char* accountStateName(std::int64_t state) {
+    static constexpr const char* kNames[] = {"unavailable", "available", "changed",
+                                             "became available"};
+    return state >= 0 && state < std::ssize(kNames) ? kNames[state] : "unknown";
+}
+
+// What a host does at start-up, with the account following the user's moves.
+bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
+    auto& center = qn::NotificationCenter::defaultCenter();
+    int accountChanges = 0;
+    int containerSetUps = 0;
+    auto accountObservation = center.addObserver(
+        QNiCloudAccountStateDidChangeNotification, nullptr, [&](const qn::Notification& n) {
+            const auto state = n.userInfo.int64ForKey(QNiCloudAccountStateKey).value_or(-1);
+            fmt::print("main thread ({}): account {} ({})\n", qn::MainQueue::isMainThread(),
+                       accountStateName(state), state);
+            ++accountChanges;
+        });
+    auto containerObservation = center.addObserver(
+        QNiCloudDidInitializeContainerNotification, nullptr, [&](const qn::Notification& n) {
+            const qn::URL* url = n.userInfo.urlForKey(QNiCloudContainerURLKey);
+            fmt::print("main thread ({}): container ready at {}\n", qn::MainQueue::isMainThread(),
+                       url != nullptr ? url->path() : "(unknown)");
+            ++containerSetUps;
+        });
+
+    // Creation returns at once; the account is read and the container set up in the background.
+    auto presenter = QNiCloudDocumentsPresenter::initWithContainerIdentifier(kContainerIdentifier);
+    QNiCloudDocumentsPresenter::setDefaultPresenter(presenter);
+    presenter->registerForFileChangesNotifications();
+    bool ok = qn::MainQueue::runUntil([&] { return accountChanges == 1 && containerSetUps == 1; },
+                                      kPatience);
+    fmt::print("documents live in {}\n", presenter->documentsDirectoryURL().path());
+
+    // The identity change reaches the presenter on the main thread, which never sets the
+    // container up; the next background caller (any file operation) does.
+    cloud->switchAccount("bob@example.com");
+    ok = ok && qn::MainQueue::runUntil([&] { return accountChanges == 2; }, kPatience);
+    qn::DispatchQueue::global().async(
+        [presenter] { presenter->setupiCloudContainerIfSafeAndNecessary(); });
+    ok = ok && qn::MainQueue::runUntil([&] { return containerSetUps == 2; }, kPatience);
+
+    // Shutting down: uninstalling unregisters the presenter; it goes once its own background
+    // work has ended.
+    QNiCloudDocumentsPresenter::setDefaultPresenter(nullptr);
+    const std::weak_ptr<QNiCloudDocumentsPresenter> gone = presenter;
+    presenter.reset();
+    return qn::MainQueue::runUntil([&] { return gone.expired(); }, kPatience) && ok;
+}
+
 }  // namespace
 
 int main() {
     showSnapshotComparison();
 
-    auto& log = qn::Logger::named("example");
-    auto& center = qn::NotificationCenter::defaultCenter();
-
-    int finished = 0;
-    auto observation = center.addObserver(
-        kWorkDidFinishNotification, nullptr, [&](const qn::Notification& notification) {
-            const auto item = notification.userInfo.int64ForKey("item").value_or(-1);
-            fmt::print("main thread: item {} finished (on main thread: {})\n", item,
-                       qn::MainQueue::isMainThread());
-            ++finished;
-        });
-
-    auto queue = qn::OperationQueue::create("example.serial", 1);
-    constexpr int kItems = 5;
-    for (int i = 0; i < kItems; ++i) {
-        queue->addOperationWithBlock([i, &center] {
-            qn::Dictionary userInfo{{"item", qn::Value(i)}};
-            qn::MainQueue::async([userInfo, &center] {
-                center.post(kWorkDidFinishNotification, nullptr, userInfo);
-            });
-        });
+    // The example keeps its cloud drive and support files in a scratch directory.
+    std::string scratch =
+        (std::filesystem::temp_directory_path() / "qnicloud-host-XXXXXX").string();
+    if (::mkdtemp(scratch.data()) == nullptr) {
+        return 1;
     }
+    qn::setUbiquityDriveDirectory(scratch + "/Mobile Documents");
+    qn::setApplicationSupportDirectory(scratch + "/Support");
+    auto cloud = qn::SimulatedCloud::create("alice@example.com");
+    qn::UbiquityService::setCurrent(cloud);
 
-    const bool allDone =
-        qn::MainQueue::runUntil([&] { return finished == kItems; }, std::chrono::seconds(10));
-    log.info("Example host finished {} of {} items.", finished, kItems);
-    return allDone ? 0 : 1;
+    const bool ok = runFirstMinutes(cloud);
+
+    qn::UbiquityService::setCurrent(nullptr);
+    std::filesystem::remove_all(scratch);
+    qn::Logger::named("example").info("Example host {}.", ok ? "finished" : "gave up waiting");
+    return ok ? 0 : 1;
 }

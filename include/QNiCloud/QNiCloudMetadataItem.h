@@ -118,14 +118,16 @@ public:
     void setFsContentChangeDate(std::optional<qn::Date> date) { fsContentChangeDate_ = date; }
 
 private:
+    // The flags together at the end: 112 bytes instead of 128, one allocation size class less
+    // per cached file (the cache holds one snapshot per file).
     std::uint64_t contentSize_ = 0;
     std::optional<std::string> fileName_;
+    double percentDownloaded_ = 0.0;
+    double percentUploaded_ = 0.0;
+    std::optional<qn::Date> fsContentChangeDate_;
     bool isDownloaded_ = false;
     bool isDownloading_ = false;
-    double percentDownloaded_ = 0.0;
     bool isUploaded_ = false;
     bool isUploading_ = false;
-    double percentUploaded_ = 0.0;
     std::atomic<bool> hasUnresolvedConflicts_{false};
-    std::optional<qn::Date> fsContentChangeDate_;
 };

@@ -1,0 +1,308 @@
+#pragma once
+
+// The library's central object: it stands for one cloud container, presents the container's
+// Documents directory to file coordination, follows the user's account and tells the host on the
+// main thread what happens in the container.
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "QNiCloud/QNiCloud.h"
+#include "qn/FileCoordinator.h"
+#include "qn/FilePresenter.h"
+#include "qn/Logger.h"
+#include "qn/Notification.h"
+#include "qn/Object.h"
+#include "qn/Operation.h"
+#include "qn/OperationQueue.h"
+#include "qn/URL.h"
+#include "qn/UbiquityIdentityToken.h"
+
+class QNiCloudCache;
+class QNiCloudMetadataQuery;
+
+/// One ubiquity container, named by its container identifier, and the documents in it.
+///
+/// Locations. Creation computes, without asking the platform, the container's expected location
+/// (`containerURL`), its `Documents` directory (`documentsDirectoryURL`, the presented item) and
+/// the library's own `iCloudMetadata` directory in the application support directory, outside
+/// the container (`metadataDirectoryURL`). Set-up (`setupiCloudContainerIfSafeAndNecessary`)
+/// later asks the platform where the container really is and, when the platform spells it
+/// differently, replaces `containerURL` with the platform's spelling; `documentsDirectoryURL`
+/// keeps the spelling made at creation, which is the one every cache path is relative to.
+///
+/// Account. The presenter follows the account through the platform's identity token: a first
+/// token after none means "became available", another token "changed", no token "unavailable".
+/// Each change resets the container flag, the queued work and the cache, sets the container up
+/// again where an account is present, and posts QNiCloudAccountStateDidChangeNotification.
+/// Creation reads the first token on a background thread, so the host's first account-state
+/// notification (state 3 when signed in) arrives shortly after creation.
+///
+/// Lifetime. Create with `initWithContainerIdentifier`; one presenter per process is usually
+/// installed as `defaultPresenter`. A presenter takes part in file coordination only between
+/// `registerForFileChangesNotifications` and `unregisterFromFileChangesNotifications` (or its
+/// replacement as default presenter). Background work it starts keeps it alive until it ends.
+///
+/// Threads. Every member may be called from any thread unless it says otherwise. Notifications
+/// are always delivered on the main thread (see the notify operations). Set-up refuses the main
+/// thread, because finding the container may block. The presenter's own work runs on
+/// `presentedItemOperationQueue`, a serial queue that also receives the file-presenter callbacks.
+///
+/// Locks, all recursive (a holder may call back into the presenter):
+///   - `containerLock`: the one-time container set-up and repair of `containerURL`;
+///   - `_tagLock`: the identity token; held only around reading and replacing it;
+///   - `_cacheQueryLock`: the live metadata query and its batching interval;
+///   - `_cacheLock`: the metadata cache and the cache-initialised flag;
+///   - the class-level lock: the default presenter.
+/// `_cacheQueryLock` and `_cacheLock` are never held together. No notification is posted and no
+/// host code is called while the presenter holds one of them, except the queued hand-over of a
+/// notification to the main thread, which never waits.
+class QNiCloudDocumentsPresenter final : public qn::Object, public qn::FilePresenter {
+public:
+    /// The logger named "iCloud".
+    static qn::Logger& l4Logger();
+
+    // The process-wide default presenter.
+
+    /// The default presenter, or null. Never creates one.
+    static std::shared_ptr<QNiCloudDocumentsPresenter> defaultPresenter();
+    /// Installs `presenter` (or none) as default. Installing the presenter that is already the
+    /// default does nothing. Otherwise the replaced default is unregistered from file changes
+    /// first, which waits for its queued work (so never call this from an operation on the
+    /// replaced presenter's queue). The new default is not registered: the host calls
+    /// `registerForFileChangesNotifications` on it.
+    static void setDefaultPresenter(std::shared_ptr<QNiCloudDocumentsPresenter> presenter);
+    static bool hasDefaultPresenter();
+
+    /// The expected `Documents` directory of the container `identifier`, not standardised.
+    static qn::URL documentsDirectoryURLFromContainerIdentifier(std::string_view identifier);
+
+    // Creation and tear-down.
+
+    /// A presenter for the container `containerIdentifier`; an empty or missing identifier means
+    /// the application's default container. Null when there is no identifier to use. Returns at
+    /// once; the account state is read, and the container set up, on a background thread.
+    static std::shared_ptr<QNiCloudDocumentsPresenter> initWithContainerIdentifier(
+        std::optional<std::string_view> containerIdentifier);
+
+    /// A presenter needs its container identifier: use `initWithContainerIdentifier`.
+    QNiCloudDocumentsPresenter() = delete;
+    QNiCloudDocumentsPresenter(const QNiCloudDocumentsPresenter&) = delete;
+    QNiCloudDocumentsPresenter& operator=(const QNiCloudDocumentsPresenter&) = delete;
+    /// Stops observing, leaves file coordination, cancels the queued work without waiting,
+    /// stops the live query and waits for any holder of `_cacheLock` to leave.
+    ~QNiCloudDocumentsPresenter() override;
+
+    // File coordination.
+
+    /// Adds the presenter to file coordination and starts the cache query; does nothing when
+    /// already registered.
+    void registerForFileChangesNotifications();
+    /// Leaves file coordination, cancels the queued work and waits until the queue is idle, then
+    /// stops the cache query; does nothing when not registered. Must not be called from an
+    /// operation on `presentedItemOperationQueue` (it would wait for itself: throws
+    /// `qn::InternalInconsistencyException`).
+    void unregisterFromFileChangesNotifications();
+    /// A new coordinator acting for this presenter, so that the presenter is not told about the
+    /// changes made through it. The caller owns it.
+    std::shared_ptr<qn::FileCoordinator> newFileCoordinator();
+
+    // Container set-up.
+
+    /// Makes sure the container is set up: true when it is usable. False, without a log line,
+    /// when there is no account; false, with a warning, on the main thread (unless the container
+    /// is already set up) or when the platform has no container for the identifier. The first
+    /// successful call creates the default directories, repairs `containerURL` if the platform
+    /// spells it differently (restarting the cache query when registered) and posts
+    /// QNiCloudDidInitializeContainerNotification. May block while the platform looks the
+    /// container up.
+    bool setupiCloudContainerIfSafeAndNecessary();
+    /// Creates the Documents and metadata directories with their parents; failures are ignored.
+    void createDefaultDirectories();
+    /// Whether the owner may read and write the Documents directory; logs why when its
+    /// attributes cannot be read.
+    bool canAccessDocumentsDirectory();
+
+    /// Gives `operation`, before it is queued, the quality of service that `threadPriority`
+    /// stands for: above 0.75 user-interactive, above 0.5 user-initiated, above 0.25 utility,
+    /// otherwise background (0.75, 0.5 and 0.25 themselves fall into the lower class). The
+    /// priority is not clamped: below 0.0 counts as background, and from 1.25 up the class index
+    /// is negative and `std::out_of_range` is thrown.
+    void updatePriorityForOperation(qn::Operation& operation) const;
+
+    // Account state.
+
+    /// QNiCloudAccountStateAvailable while an identity token is known, otherwise
+    /// QNiCloudAccountStateUnavailable; never a transition state.
+    QNiCloudAccountState currentAccountState() const;
+    bool isiCloudAvailable() const;
+    /// Observer of qn::NSUbiquityIdentityDidChangeNotification: hands the file manager's current
+    /// token to `setNewUbiquityIdentityToken` on the delivering thread.
+    void ubiquityIdentityDidChange(const qn::Notification& notification);
+    /// Takes `token` as the account's identity. When the account situation changed, resets on
+    /// the calling thread (container flag, cache query, queued work, cache), sets the container
+    /// up again for a new account, queues QNiCloudAccountStateDidChangeNotification, and restarts
+    /// the cache query in the background once the cancelled work has drained. The same token
+    /// again changes nothing; no token after none only logs.
+    void setNewUbiquityIdentityToken(std::optional<qn::UbiquityIdentityToken> token);
+
+    // Path classification. The reference directories are read at the time of the call, and the
+    // arguments are compared as given, with the utility layer's path predicates (lexical,
+    // without regard to letter case).
+
+    /// Strictly below `containerURL` (which set-up may repair). Empty: false.
+    bool isiCloudItemPath(std::string_view path) const;
+    bool isiCloudItemURL(const qn::URL& url) const;
+    /// The Documents directory itself. Empty: false.
+    bool isiCloudDocumentsDirectoryPath(std::string_view path) const;
+    bool isiCloudDocumentsDirectoryURL(const qn::URL& url) const;
+    /// Strictly below the Documents directory.
+    bool isiCloudDocumentsDirectorySubItem(std::string_view path) const;
+    /// The Documents directory or below it. Empty: false.
+    bool isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryPath(std::string_view path) const;
+    bool isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryURL(const qn::URL& url) const;
+    /// The metadata directory or below it.
+    bool isiCloudMetadataSubItemPath(std::string_view path) const;
+    bool isiCloudMetadataSubItemURL(const qn::URL& url) const;
+
+    // Notifications. "Queued" ones are built on the calling thread and handed to the main
+    // thread without waiting, arriving in the order of hand-over. "Synchronous" ones are posted
+    // at once on the main thread; from any other thread the caller waits until the main thread
+    // has run every observer, so it must not hold a lock that main-thread work may need.
+
+    /// Queued. Sender: the presenter. QNiCloudAccountStateKey, and QNiCloudContainerURLKey when
+    /// `containerURL` is given.
+    void notifyiCloudAccountStateDidChange(QNiCloudAccountState state,
+                                           const std::optional<qn::URL>& containerURL);
+    /// Queued. Sender: the presenter. QNiCloudContainerURLKey, or no user info at all without a
+    /// URL.
+    void notifyDidInitializeContainerWithURL(const std::optional<qn::URL>& containerURL);
+    /// Synchronous. The path as given.
+    void notifyFileDidAppearAtPath(std::string_view path, bool isDirectory);
+    /// Synchronous. The path as given.
+    void notifyFileWasRemovedAtPath(std::string_view path, bool isDirectory);
+    /// Normalises `path` and posts as `notifyFileDidChangeAtNormalizedPath`.
+    void notifyFileDidChangeAtPath(std::string_view path, QNiCloudFileChangeType type);
+    /// Synchronous. `path` must already be normalised.
+    void notifyFileDidChangeAtNormalizedPath(std::string_view path, QNiCloudFileChangeType type);
+    /// Queued.
+    void notifyDidUpdateCacheWithFilesCount(std::uint64_t filesCount);
+    /// Queued.
+    void notifyCacheInitializedWithFilesCount(std::uint64_t filesCount,
+                                              std::uint64_t filesInDocumentsDirectoryCount);
+    /// Queued.
+    void notifyDidClearCache();
+    /// Posts `notification` on the default centre on the main thread and returns once every
+    /// observer has run.
+    static void postMainThreadNotification(const qn::Notification& notification);
+
+    // Cache query lifecycle.
+
+    void startCacheQuery();
+    void stopCacheQuery();
+    void clearCache();
+
+    // Properties.
+
+    std::string containerIdentifier() const;
+    void setContainerIdentifier(std::string containerIdentifier);
+    qn::URL containerURL() const;
+    void setContainerURL(qn::URL containerURL);
+    qn::URL documentsDirectoryURL() const;
+    void setDocumentsDirectoryURL(qn::URL documentsDirectoryURL);
+    qn::URL metadataDirectoryURL() const;
+    void setMetadataDirectoryURL(qn::URL metadataDirectoryURL);
+    /// The directory holding every container: the parent of the container's expected location.
+    qn::URL driveDirectoryURL() const;
+
+    bool isContainerInitialized() const { return _containerInitialized.load(); }
+    void setContainerInitialized(bool containerInitialized) {
+        _containerInitialized.store(containerInitialized);
+    }
+    /// The lock that set-up holds; replacing it affects set-ups that start afterwards.
+    std::shared_ptr<std::recursive_mutex> containerLock() const;
+    void setContainerLock(std::shared_ptr<std::recursive_mutex> containerLock);
+
+    /// The metadata cache of the Documents directory (its normalised path), made on first use.
+    /// The getter only guards the reference: callers that touch the tree hold `_cacheLock`.
+    std::shared_ptr<QNiCloudCache> cache();
+    void setCache(std::shared_ptr<QNiCloudCache> cache);
+
+    /// Priority of the presenter's background work, 0.0 to 1.0 (see
+    /// `updatePriorityForOperation`). Default 0.5.
+    double threadPriority() const { return _threadPriority.load(); }
+    void setThreadPriority(double threadPriority) { _threadPriority.store(threadPriority); }
+    /// Seconds the live query gathers changes before reporting them. Default 1.0. The setter
+    /// also applies the value to the running query.
+    double cacheUpdatesInterval() const { return _cacheUpdatesInterval.load(); }
+    void setCacheUpdatesInterval(double cacheUpdatesInterval);
+    /// True once the first gathering of the live query has filled the cache.
+    bool cacheInitialized() const { return _cacheInitialized.load(); }
+
+    /// Lower-case extensions (without the dot) of the files the library may download on its
+    /// own; none or an empty set allows every file. None by default.
+    std::optional<std::set<std::string>> extensionsAllowedForAutomaticDownload() const;
+    void setExtensionsAllowedForAutomaticDownload(
+        std::optional<std::set<std::string>> extensionsAllowedForAutomaticDownload);
+    /// How many files may download at once. Default 3.
+    std::uint64_t maxSimultaneousFileDownloadsCount() const;
+    void setMaxSimultaneousFileDownloadsCount(std::uint64_t maxSimultaneousFileDownloadsCount);
+
+    // qn::FilePresenter.
+
+    /// `documentsDirectoryURL`.
+    std::optional<qn::URL> presentedItemURL() const override;
+    /// The presenter's serial queue (one operation at a time).
+    std::shared_ptr<qn::OperationQueue> presentedItemOperationQueue() const override;
+
+private:
+    struct Private {
+        explicit Private() = default;
+    };
+
+public:
+    /// Use `initWithContainerIdentifier`.
+    QNiCloudDocumentsPresenter(Private, std::string containerIdentifier);
+
+private:
+    std::shared_ptr<QNiCloudDocumentsPresenter> self();
+    /// Cancels the queued work of the old account once the calling thread's reset is done:
+    /// waits in the background for the queue to drain, then clears the cache again and, for a
+    /// present account, starts the cache query.
+    void restartAfterAccountChange(QNiCloudAccountState state);
+    void postQueued(qn::Notification notification);
+
+    // Fields, as the other units of the presenter use them.
+
+    std::recursive_mutex _cacheQueryLock;
+    std::shared_ptr<QNiCloudMetadataQuery> _cacheQuery;  // guarded by _cacheQueryLock
+    bool _performingCacheQuerySetup = false;             // guarded by _cacheQueryLock
+    std::recursive_mutex _cacheLock;
+    std::optional<qn::UbiquityIdentityToken> _tag;  // guarded by _tagLock
+    mutable std::recursive_mutex _tagLock;
+    std::atomic<bool> _registeredForFileChanges{false};
+    std::atomic<bool> _cacheInitialized{false};
+    std::atomic<bool> _containerInitialized{false};
+    const std::shared_ptr<qn::OperationQueue> _presentedItemOperationQueue;
+    std::atomic<double> _threadPriority{0.5};
+    std::atomic<double> _cacheUpdatesInterval{1.0};
+    std::atomic<std::uint64_t> _maxSimultaneousFileDownloadsCount{3};
+
+    // Guards the properties below, which are whole values read and replaced from any thread. A
+    // leaf lock: nothing but making the cache runs while it is held.
+    mutable std::mutex _propertyLock;
+    std::string _containerIdentifier;
+    qn::URL _driveDirectoryURL;
+    qn::URL _containerURL;
+    qn::URL _documentsDirectoryURL;
+    qn::URL _metadataDirectoryURL;
+    std::optional<std::set<std::string>> _extensionsAllowedForAutomaticDownload;
+    std::shared_ptr<std::recursive_mutex> _containerLock;
+    std::shared_ptr<QNiCloudCache> _cache;
+};

@@ -1,0 +1,335 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "CacheTestSupport.h"
+#include "QNiCloud/QNiCloudCache.h"
+#include "qn/util/PathNormalization.h"
+#include "support/TemporaryDirectory.h"
+
+namespace {
+
+using qn::test::childNames;
+using qn::test::indexRecords;
+using qn::test::snapshot;
+using Entry = std::shared_ptr<QNiCloudCacheEntry>;
+
+constexpr const char* kBase = "/Users/me/Library/Mobile Documents/Docs";
+
+std::string utf8(char32_t cp) {
+    std::string s;
+    if (cp >= 0x800) {
+        s += static_cast<char>(0xE0 | (cp >> 12));
+        s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
+    } else if (cp >= 0x80) {
+        s += static_cast<char>(0xC0 | (cp >> 6));
+    }
+    s += static_cast<char>(cp < 0x80 ? cp : 0x80 | (cp & 0x3F));
+    return s;
+}
+
+TEST(QNiCloudCacheTest, PathHashIsFnv1OverLowercaseComposedBytes) {
+    EXPECT_EQ(QNiCloudCache::hashForPath(""), -2128831035);
+    EXPECT_EQ(static_cast<std::uint32_t>(QNiCloudCache::hashForPath("")), 2166136261u);
+    EXPECT_EQ(QNiCloudCache::hashForPath("/"), 84696368);
+    EXPECT_EQ(QNiCloudCache::hashForPath("/a"), 578204401);
+    EXPECT_EQ(QNiCloudCache::hashForPath("/Docs"), 1123498925);
+    EXPECT_EQ(QNiCloudCache::hashForPath("/docs"), 1123498925);
+    // Every route (inline ASCII, the Latin table, ICU per component) against the definition:
+    // each character up to U+02FF alone and before combining marks, then random text mixing
+    // decomposed letters, expanding and context-dependent case mappings and invalid UTF-8.
+    std::vector<std::string> corpus;
+    for (char32_t cp = 0x41; cp < 0x300; ++cp) {
+        corpus.push_back("/Dir/x" + utf8(cp) + "Y/" + utf8(cp) + "\u0327\u0301");
+    }
+    const std::vector<std::string> pieces = {"/",      "A",      "z",      ".",      "\u00C9",
+                                             "\u00E9", "e",      "\u0301", "\u0327", "\u0130",
+                                             "\u03A3", "\u00DF", "\u4E2D", "\u0178", "\xE9",
+                                             "J",      "\u030C", "\u212A", "\u01C5"};
+    std::mt19937 random(7);
+    for (int i = 0; i < 3000; ++i) {
+        std::string text;
+        for (unsigned k = random() % 12; k > 0; --k) {
+            text += pieces[random() % pieces.size()];
+        }
+        corpus.push_back(text);
+    }
+    for (const std::string& text : corpus) {
+        EXPECT_EQ(QNiCloudCache::hashForPath(text), qn::test::referencePathHash(text)) << text;
+    }
+}
+
+// The cache cuts absolute paths itself when it can; every spelling must give what the utility
+// functions give (the cached directory itself naming the root).
+TEST(QNiCloudCacheTest, AbsolutePathsAreCutAsTheUtilitiesCutThem) {
+    for (const std::string base : {"/", kBase, "/Users/Jos\u00E9/Docs", "/Users/Jose\u0301/Docs"}) {
+        SCOPED_TRACE(base);
+        auto cache = QNiCloudCache::cacheWithCachedDirectoryPath(base + "/");
+        auto viaUtilities = QNiCloudCache::cacheWithCachedDirectoryPath(base);
+        const std::string& stored = cache->cachedDirectoryPath();
+        std::vector<std::string> spellings = {stored, stored + "/", "/elsewhere/a", "relative/a",
+                                              ""};
+        for (const std::string relative : {"/a", "/a/B/c.txt", "/\u00C9t\u00E9/R\u00E9sum\u00E9",
+                                           "/x/\u65E5\u672C", "/x/.hidden", "/x/..name"}) {
+            const std::string path = stored == "/" ? relative : stored + relative;
+            std::string upper = path;
+            std::transform(upper.begin(), upper.end(), upper.begin(),
+                           [](char c) { return c >= 'a' && c <= 'z' ? c - 32 : c; });
+            spellings.insert(
+                spellings.end(),
+                {path, path + "/", upper, stored + "//" + relative, stored + "/./" + relative,
+                 stored + "/q/.." + relative, path + "/..", path + "/.", path + "\u0301"});
+        }
+        for (const std::string& path : spellings) {
+            std::string cut = qn::stringByDeletingBeginningOfPath(path, stored);
+            cut = cut.empty() && !path.empty() ? "/" : cut;
+            cache->createEntryAtPath(path, nullptr);
+            viaUtilities->createEntryAtRelativePath(cut, nullptr);
+            EXPECT_EQ(cache->entryForPath(path), cache->entryForRelativePath(cut)) << path;
+            const std::string normalized = qn::stringByNormalizingPath(path);
+            std::string normalizedCut =
+                qn::stringByDeletingBeginningOfNormalizedPath(normalized, stored);
+            normalizedCut = normalizedCut.empty() && !path.empty() ? "/" : normalizedCut;
+            EXPECT_EQ(cache->entryForNormalizedPath(normalized),
+                      cache->entryForRelativePath(normalizedCut))
+                << path;
+        }
+        EXPECT_EQ(indexRecords(*cache), indexRecords(*viaUtilities));
+    }
+}
+
+TEST(QNiCloudCacheTest, CreationLookupAndRemovalFollowTheTree) {
+    EXPECT_EQ(QNiCloudCache::cacheWithCachedDirectoryPath(""), nullptr);
+    auto cache = QNiCloudCache::cacheWithCachedDirectoryPath("/Users/me//Docs/");
+    EXPECT_EQ(cache->cachedDirectoryPath(), "/Users/me/Docs");
+    EXPECT_EQ(cache->entryForRelativePath("/"), nullptr);
+    EXPECT_EQ(cache->entryForRelativePath(""), nullptr);
+    // The cached directory itself is the root, which is never its own child.
+    cache->createEntryAtPath("/Users/me/Docs", nullptr);
+    ASSERT_EQ(cache->count(), 1u);
+    const Entry root = cache->entryForRelativePath("/");
+    EXPECT_EQ(root->firstChild(), nullptr);
+
+    cache->createEntryAtRelativePath("/a/b", snapshot());
+    cache->createEntryAtPath("/Users/me/Docs/a/c", snapshot());
+    EXPECT_EQ(cache->count(), 4u);
+    const Entry a = cache->entryForRelativePath("/a");
+    const Entry b = cache->entryForPath("/Users/me/Docs/A/B");
+    const Entry c = cache->entryForNormalizedPath("/Users/me/Docs/a/C");
+    ASSERT_TRUE(a && b && c);
+    EXPECT_EQ(root->name(), "/");
+    EXPECT_EQ(a->parent(), root);
+    EXPECT_EQ(childNames(a), (std::vector<std::string>{"c", "b"}));
+    EXPECT_EQ(c->prev(), nullptr);
+    EXPECT_EQ(b->prev(), c);
+    EXPECT_TRUE(a->isDirectory());
+    EXPECT_FALSE(b->isDirectory());
+    EXPECT_EQ(cache->relativePathForEntry(root), "/");
+    EXPECT_EQ(cache->relativePathForEntry(b), "/a/b");
+    EXPECT_EQ(cache->relativePathForEntry(nullptr), std::nullopt);
+    EXPECT_EQ(cache->absolutePathForEntry(b), "/Users/me/Docs/a/b");
+    EXPECT_EQ(cache->absolutePathForEntry(root), "/Users/me/Docs");
+    EXPECT_EQ(cache->entryForPath("/Users/me/Docs/"), root);
+
+    // An existing path only gets the new snapshot; none makes it a directory.
+    const auto replacement = snapshot();
+    cache->createEntryAtRelativePath("/A/B", replacement);
+    EXPECT_EQ(cache->count(), 4u);
+    EXPECT_EQ(b->metadataItem(), replacement);
+    cache->createEntryAtRelativePath("/a/b", nullptr);
+    EXPECT_TRUE(b->isDirectory());
+    EXPECT_EQ(childNames(a), (std::vector<std::string>{"c", "b"}));
+
+    // Without the leading separator: a top-level entry outside the tree.
+    cache->createEntryAtRelativePath("loose", snapshot());
+    EXPECT_EQ(cache->entryForRelativePath("loose")->parent(), nullptr);
+    EXPECT_EQ(cache->relativePathForEntry(cache->entryForRelativePath("loose")), "/loose");
+    cache->removeEntryAtRelativePathFromEntriesTree("loose");
+
+    // Two entries differing only in case: either spelling finds the first stored.
+    cache->createEntryAtRelativePath("/Docs", nullptr);
+    cache->createEntryAtRelativePath("/other", nullptr);
+    cache->moveEntryAtRelativePath("/other", "/docs");
+    EXPECT_EQ(cache->entryForRelativePath("/DOCS")->name(), "Docs");
+    EXPECT_EQ(cache->entryForRelativePath("/docs")->name(), "Docs");
+
+    cache->removeEntryAtPath("/Users/me/Docs/a");
+    EXPECT_EQ(cache->count(), 3u);
+    EXPECT_EQ(cache->entryForRelativePath("/a/c"), nullptr);
+    EXPECT_EQ(childNames(root), (std::vector<std::string>{"docs", "Docs"}));
+    // The removed subtree stays linked below the removed entry, for whoever holds it.
+    EXPECT_EQ(childNames(a), (std::vector<std::string>{"c", "b"}));
+    EXPECT_EQ(cache->relativePathForEntry(b), "/a/b");
+
+    EXPECT_EQ(b->description(),
+              fmt::format("<QNiCloudCacheEntry: {};\n    parent = {};\n    firstChild = ;\n"
+                          "    next = ;\n    prev = {};\n    name = b;\n"
+                          "    metadataItem = (null);\n>\n",
+                          fmt::ptr(b.get()), a->shortDescription(), c->shortDescription()));
+    c->setMetadataItem(replacement);
+    EXPECT_EQ(c->shortDescription(),
+              fmt::format("<QNiCloudCacheEntry: {}; parent = {}, firstChild = 0x0, next = {}, "
+                          "prev = 0x0, name = c, metadata item = {}>",
+                          fmt::ptr(c.get()), fmt::ptr(a.get()), fmt::ptr(b.get()),
+                          replacement->description()));
+
+    cache->removeAll();
+    EXPECT_EQ(cache->count(), 0u);
+    EXPECT_EQ(cache->entryForRelativePath("/Docs"), nullptr);
+}
+
+TEST(QNiCloudCacheTest, CollidingPathsAreTrustedAloneAndScannedTogether) {
+    for (const auto& [first, second] : qn::test::kCollidingPaths) {
+        ASSERT_EQ(QNiCloudCache::hashForPath(first), QNiCloudCache::hashForPath(second));
+    }
+    const std::string a = "/c/uvsp0vu", b = "/c/p5ed9lx";
+    auto cache = QNiCloudCache::cacheWithCachedDirectoryPath(kBase);
+    const auto& index = cache->entriesTree();
+    const std::int32_t hash = QNiCloudCache::hashForPath(a);
+    cache->createEntryAtRelativePath(a, snapshot());
+    const Entry first = cache->entryForRelativePath(a);
+    // Alone in its bucket, an entry answers for every path with its hash, also in creation.
+    EXPECT_EQ(cache->entryForRelativePath(b), first);
+    const auto item = snapshot();
+    cache->createEntryAtRelativePath(b, item);
+    EXPECT_EQ(first->metadataItem(), item);
+    EXPECT_EQ(cache->count(), 3u);
+
+    // A move is the way to get both in: then each path finds its own entry, in any case.
+    cache->createEntryAtRelativePath("/c/tmp", snapshot());
+    const Entry moved = cache->entryForRelativePath("/c/tmp");
+    cache->moveEntryAtRelativePath("/c/tmp", b);
+    EXPECT_EQ(index.collisionsCountForKey(hash), 2u);
+    EXPECT_EQ(cache->entryForRelativePath(a), first);
+    EXPECT_EQ(cache->entryForRelativePath("/C/P5ED9LX"), moved);
+    // Removal picks by path in a bucket of two, and takes the only one of a bucket of one.
+    cache->removeEntryAtRelativePathFromEntriesTree(b);
+    EXPECT_EQ(cache->entryForRelativePath(a), first);
+    cache->removeEntryAtRelativePathFromEntriesTree(b);
+    EXPECT_EQ(index.collisionsCountForKey(hash), 0u);
+    EXPECT_NE(index.allObjectsForKey(hash), nullptr);
+    EXPECT_EQ(cache->count(), 2u);
+
+    // A recursive removal through a bucket of two removes both entries and nothing else.
+    cache->createEntryAtRelativePath("/c/d/4a9pkwc/inner", snapshot());
+    cache->createEntryAtRelativePath("/c/d/tmp", snapshot());
+    cache->moveEntryAtRelativePath("/c/d/tmp", "/c/d/9xuc0aa");
+    cache->createEntryAtRelativePath("/kept", snapshot());
+    EXPECT_EQ(index.collisionsCountForKey(QNiCloudCache::hashForPath("/c/d/9xuc0aa")), 2u);
+    cache->removeEntryAtPath(std::string(kBase) + "/c");
+    EXPECT_EQ(cache->count(), 2u);
+    EXPECT_NE(cache->entryForRelativePath("/kept"), nullptr);
+
+    // The source is removed after the rename, so in a bucket of two it matches neither entry:
+    // an out-of-range answer, never another entry's removal.
+    cache->createEntryAtRelativePath("/c/igdpyiu", snapshot());
+    cache->createEntryAtRelativePath("/c/tmp", snapshot());
+    cache->moveEntryAtRelativePath("/c/tmp", "/c/3mcev5j");
+    EXPECT_THROW(cache->moveEntryAtRelativePath("/c/igdpyiu", "/c/renamed"), std::out_of_range);
+    EXPECT_EQ(index.collisionsCountForKey(QNiCloudCache::hashForPath("/c/igdpyiu")), 2u);
+}
+
+TEST(QNiCloudCacheTest, RecursiveCreationDescribesTheTopItemEverywhere) {
+    // As after a copy into the container: the items exist at the source and in the cached
+    // directory, from which the snapshots are read.
+    qn::test::TemporaryDirectory disk;
+    for (const std::string top : {"Folder", "Container/Copied"}) {
+        disk.mkdir(top);
+        disk.mkdir(top + "/Sub");
+        disk.write(top + "/file.txt", "12345");
+        disk.write(top + "/Sub/inner.txt", "1");
+        disk.mkdir(top + "/Doc.pages");
+        disk.write(top + "/Doc.pages/index.xml", "x");
+    }
+    disk.write("Single.txt", "abc");
+    disk.write("Container/One.txt", "abc");
+    auto cache = QNiCloudCache::cacheWithCachedDirectoryPath(disk.pathOf("Container"));
+    cache->createEntryRecursivelyAtPath(disk.pathOf("Container/Copied"), disk.pathOf("Folder"));
+    EXPECT_EQ(cache->count(), 7u);  // Root, the folder and five descendants.
+    EXPECT_TRUE(cache->entryForRelativePath("/Copied/Sub")->isDirectory());
+    for (const char* file : {"/Copied/file.txt", "/Copied/Sub/inner.txt", "/Copied/Doc.pages",
+                             "/Copied/Doc.pages/index.xml"}) {
+        const auto item = cache->entryForRelativePath(file)->metadataItem();
+        ASSERT_NE(item, nullptr) << file;
+        EXPECT_EQ(item->fileName(), "Copied") << file;
+        EXPECT_TRUE(item->isDownloaded() && !item->isUploaded()) << file;
+    }
+    cache->createEntryRecursivelyAtRelativePath("/One.txt", disk.pathOf("Single.txt"));
+    EXPECT_EQ(cache->entryForRelativePath("/One.txt")->metadataItem()->fileName(), "One.txt");
+    cache->createEntryRecursivelyAtRelativePath("", disk.pathOf("Single.txt"));
+    cache->createEntryRecursivelyAtRelativePath("/x", "");
+    EXPECT_EQ(cache->count(), 8u);
+}
+
+// `count` paths below `directory` whose hashes all differ: FNV-1 collides far more often than
+// chance on numbered names (about 1,400 pairs among "/wide/f0" to "/wide/f999999"), and a lone
+// colliding entry is trusted, so creating the second path would only replace a snapshot.
+std::vector<std::string> distinctlyHashedPaths(const std::string& directory, std::size_t count) {
+    std::vector<std::string> paths;
+    std::set<std::int32_t> seen;
+    for (std::size_t i = 0; paths.size() < count; ++i) {
+        std::string path = directory + "/f" + std::to_string(i);
+        if (seen.insert(QNiCloudCache::hashForPath(path)).second) {
+            paths.push_back(std::move(path));
+        }
+    }
+    return paths;
+}
+
+// Dropping, removing or clearing a very wide or very deep tree must not take one stack frame per
+// sibling or per level (the sanitizer builds have the largest frames).
+TEST(QNiCloudCacheTest, HugeTreesGoAwayWithoutRecursion) {
+    auto cache = QNiCloudCache::cacheWithCachedDirectoryPath(kBase);
+    // A chain 100,000 levels deep whose every prefix hashes apart, so creation builds it whole.
+    std::string deep;
+    std::set<std::int32_t> prefixes;
+    for (std::uint32_t h = 2166136261u; prefixes.size() < 100000;) {
+        for (char c = '0'; c <= '9'; ++c) {
+            const std::uint32_t next = (((h * 16777619u) ^ '/') * 16777619u) ^ c;
+            if (prefixes.insert(static_cast<std::int32_t>(next)).second) {
+                deep.append({'/', c});
+                h = next;
+                break;
+            }
+        }
+    }
+    cache->createEntryAtRelativePath(deep, snapshot());
+    ASSERT_EQ(cache->count(), 100001u);
+    const std::weak_ptr<QNiCloudCacheEntry> leaf = cache->entryForRelativePath(deep);
+    cache->removeEntryRecursivelyAtRelativePath(deep.substr(0, 2));
+    EXPECT_EQ(cache->count(), 1u);
+    EXPECT_TRUE(leaf.expired());
+
+    const std::vector<std::string> children = distinctlyHashedPaths("/wide", 1000000);
+    for (const std::string& child : children) {
+        cache->createEntryAtRelativePath(child, nullptr);
+    }
+    ASSERT_EQ(cache->count(), 1000002u);
+    Entry wide = cache->entryForRelativePath("/wide");
+    const std::weak_ptr<QNiCloudCacheEntry> last = wide->firstChild();
+    cache->removeEntryRecursively(wide);
+    EXPECT_EQ(cache->count(), 1u);
+    EXPECT_FALSE(last.expired());  // Held through the removed entry.
+    wide.reset();
+    EXPECT_TRUE(last.expired());
+
+    cache->createEntryAtRelativePath(deep, snapshot());
+    for (std::size_t i = 0; i < 300000; ++i) {
+        cache->createEntryAtRelativePath(children[i], nullptr);
+    }
+    cache->removeAll();
+    EXPECT_EQ(cache->count(), 0u);
+    // Entries outlive the cache, with their subtrees.
+    cache->createEntryAtRelativePath(deep, snapshot());
+    const Entry top = cache->entryForRelativePath(deep.substr(0, 2));
+    cache.reset();
+    EXPECT_EQ(top->parent(), nullptr);
+    EXPECT_EQ(top->firstChild()->firstChild()->parent()->parent(), top);
+}
+
+}  // namespace
