@@ -6,16 +6,19 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "QNiCloud/QNiCloud.h"
 #include "qn/FileCoordinator.h"
 #include "qn/FilePresenter.h"
+#include "qn/FileVersion.h"
 #include "qn/Logger.h"
 #include "qn/Notification.h"
 #include "qn/Object.h"
@@ -25,6 +28,7 @@
 #include "qn/UbiquityIdentityToken.h"
 
 class QNiCloudCache;
+class QNiCloudMetadataItem;
 class QNiCloudMetadataQuery;
 
 /// One ubiquity container, named by its container identifier, and the documents in it.
@@ -201,6 +205,40 @@ public:
     /// Posts `notification` on the default centre on the main thread and returns once every
     /// observer has run.
     static void postMainThreadNotification(const qn::Notification& notification);
+
+    // Conflicts. A conflict version whose contents equal the item's own file is an invalid
+    // conflict: the checks that resolve invalid conflicts remove such versions (a failed removal
+    // is logged) and never count them. The checks block while they wait for coordinated access
+    // and ask the ubiquity service: call them from a background thread, never from inside a
+    // coordinated accessor. Items' flags are changed without `_cacheLock` (the flag is atomic).
+
+    /// Whether the item at `url` has unresolved conflict versions, after removing the invalid
+    /// ones when `andResolveInvalidConflicts` is true.
+    bool checkIfItemAtURLHasUnresolvedConflicts(const qn::URL& url,
+                                                bool andResolveInvalidConflicts);
+    /// The check with invalid conflicts resolved, stored in `metadataItem`'s flag. When the flag
+    /// changes, posts the file change (QNiCloudFileChangeConflictAppeared or
+    /// QNiCloudFileChangeConflictResolved) for `url`'s path, synchronously. Returns the answer.
+    bool checkIfItemAtURLHasUnresolvedConflicts(const qn::URL& url,
+                                                QNiCloudMetadataItem& metadataItem);
+    /// The check above, run on the global queue of default quality of service; the answer goes
+    /// to `completionHandler` (may be empty) on the main thread. Any thread. Throws
+    /// `std::invalid_argument` without an item.
+    void checkIfItemAtURLHasUnresolvedConflicts(const qn::URL& url,
+                                                std::shared_ptr<QNiCloudMetadataItem> metadataItem,
+                                                std::function<void(bool)> completionHandler);
+    /// Confirms a true conflict flag of `metadataItem` (invalid conflicts resolved) and stores
+    /// the answer; a false flag is left alone without asking. True when the flag changed. Posts
+    /// nothing: the caller decides what to tell the host.
+    bool updateHasUnresolvedConflictsFlagIfNecessaryForMetadataItem(
+        QNiCloudMetadataItem& metadataItem, const qn::URL& url);
+    /// Removes, in order, the versions of `usingUresolvedConflictVersions` whose contents equal
+    /// the current file of the item at `url` (compared under a coordinated read that does not
+    /// ask presenters to save first) and returns the others. Without a file at `url` every
+    /// version is kept.
+    std::vector<std::shared_ptr<qn::FileVersion>> resolveInvalidConflictsForItemAtURL(
+        const qn::URL& url,
+        const std::vector<std::shared_ptr<qn::FileVersion>>& usingUresolvedConflictVersions);
 
     // Cache query lifecycle.
 

@@ -42,9 +42,10 @@ public:
     /// A snapshot of a metadata-query result, read through QNiCloudExtensions; null when `item`
     /// is null. Downloaded (uploaded) results report no transfer in progress and 100.0 percent,
     /// whatever the query says. The file name is not set. `doubleCheckHasUnresolvedConflictsFlag`
-    /// asks to confirm a reported conflict with the conflict check of the documents presenter
-    /// (which also removes invalid conflict versions); it has no effect until that check exists,
-    /// so the reported flag is kept as it is.
+    /// asks the default presenter to confirm a reported conflict for the item's URL (or its path)
+    /// with `checkIfItemAtURLHasUnresolvedConflicts`, which also removes invalid conflict versions,
+    /// and keeps its answer; without a default presenter the reported flag stands. The check
+    /// blocks on file coordination: ask for it from a background thread only.
     static std::shared_ptr<QNiCloudMetadataItem> metadataItemWithMetadataItem(
         const std::shared_ptr<const qn::MetadataItem>& item,
         bool doubleCheckHasUnresolvedConflictsFlag);

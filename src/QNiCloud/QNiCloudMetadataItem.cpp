@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <typeinfo>
 
+#include "QNiCloud/QNiCloudDocumentsPresenter.h"
 #include "QNiCloud/QNiCloudExtensions.h"
 #include "qn/Error.h"
 #include "qn/FileAttributes.h"
@@ -71,9 +72,20 @@ std::shared_ptr<QNiCloudMetadataItem> QNiCloudMetadataItem::metadataItemWithMeta
     }
     result->setHasUnresolvedConflicts(source.hasUnresolvedConflicts());
     if (doubleCheckHasUnresolvedConflictsFlag && result->hasUnresolvedConflicts()) {
-        // Once the documents presenter exists, its default instance's conflict check is asked
-        // here with the item's URL (resolving invalid conflicts) and its answer replaces the
-        // flag. Until then the query's word stands.
+        // The query reports a conflict as soon as a version is stored, even a duplicate of the
+        // file; the presenter's check removes those and has the last word. Without a presenter
+        // or a location to ask about, the query's word stands.
+        const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter();
+        auto url = source.URL();
+        if (!url) {
+            if (const auto path = source.path()) {
+                url = qn::URL::fileURLWithPath(*path);
+            }
+        }
+        if (presenter != nullptr && url) {
+            result->setHasUnresolvedConflicts(
+                presenter->checkIfItemAtURLHasUnresolvedConflicts(*url, true));
+        }
     }
     // The file name stays unset: query results are identified by their path, not their name.
     return result;
