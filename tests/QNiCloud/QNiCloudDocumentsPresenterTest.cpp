@@ -129,7 +129,7 @@ TEST_F(QNiCloudDocumentsPresenterTest, RepairsAContainerURLThePlatformSpellsDiff
     presenter->unregisterFromFileChangesNotifications();
 }
 
-TEST_F(QNiCloudDocumentsPresenterTest, ChecksOwnerAccessToTheDocumentsDirectory) {
+TEST_F(QNiCloudDocumentsPresenterTest, ChecksDocumentsAccessAndMapsThreadPriorityOntoQuality) {
     installCloud(std::nullopt);
     const auto presenter = makePresenter();
     EXPECT_FALSE(presenter->canAccessDocumentsDirectory());
@@ -141,11 +141,7 @@ TEST_F(QNiCloudDocumentsPresenterTest, ChecksOwnerAccessToTheDocumentsDirectory)
     ASSERT_EQ(::chmod(documents.c_str(), 0500), 0);
     EXPECT_FALSE(presenter->canAccessDocumentsDirectory());
     ASSERT_EQ(::chmod(documents.c_str(), 0700), 0);
-}
 
-TEST_F(QNiCloudDocumentsPresenterTest, MapsThreadPriorityOntoQualityOfService) {
-    installCloud(std::nullopt);
-    const auto presenter = makePresenter();
     const auto operation = BlockOperation::create([] {});
     const auto qualityFor = [&](double priority) {
         presenter->setThreadPriority(priority);

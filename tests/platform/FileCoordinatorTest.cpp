@@ -31,7 +31,7 @@ constexpr bool kHold = true;
 class Access {
 public:
     Access(bool write, const char* path, bool hold = false) {
-        thread_ = std::thread([=, this] {
+        thread_ = std::jthread([=, this] {
             auto inside = [&](const qn::URL&) {
                 entered_ = true;
                 if (hold) {
@@ -46,10 +46,7 @@ public:
             std::this_thread::yield();
         }
     }
-    ~Access() {
-        release();
-        finished();
-    }
+    ~Access() { release(); }  // then the thread is joined
     bool entered() const { return entered_; }
     void release() { release_.try_wait() ? void() : release_.count_down(); }
     // Waits for the access to end; whether it got in.
@@ -63,15 +60,26 @@ public:
 private:
     std::atomic<bool> entered_{false};
     std::latch release_{1};
-    std::thread thread_;
+    std::jthread thread_;  // last, so that it is joined before the latch goes
 };
 
 // The contract every coordinator meets, run against the real one and through a forwarding
-// wrapper (which tests derive from to inject faults).
+// wrapper (which tests derive from to inject faults). What make() gives is the factory's until
+// the factory is reset.
 class FileCoordinatorContract : public testing::TestWithParam<qn::FileCoordinator::Factory> {
 protected:
-    void SetUp() override { qn::FileCoordinator::setFactory(GetParam()); }
-    void TearDown() override { qn::FileCoordinator::setFactory(nullptr); }
+    void SetUp() override {
+        qn::FileCoordinator::setFactory(GetParam());
+        EXPECT_EQ(madeForwarding(), GetParam() != nullptr);
+    }
+    void TearDown() override {
+        qn::FileCoordinator::setFactory(nullptr);
+        EXPECT_FALSE(madeForwarding());
+    }
+    static bool madeForwarding() {
+        return dynamic_cast<qn::ForwardingFileCoordinator*>(
+                   qn::FileCoordinator::make(nullptr).get()) != nullptr;
+    }
 };
 
 INSTANTIATE_TEST_SUITE_P(Coordinators, FileCoordinatorContract,
@@ -130,7 +138,7 @@ TEST_P(FileCoordinatorContract,
         std::this_thread::yield();
         --inside;
     };
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&, t] {
             auto coordinator = qn::FileCoordinator::make(nullptr);
@@ -143,9 +151,7 @@ TEST_P(FileCoordinatorContract,
             }
         });
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();  // joins them
     EXPECT_EQ(overlaps, 0);
 }
 
@@ -253,26 +259,6 @@ TEST_P(FileCoordinatorContract, CancelFailsWaitingAndLaterCallsWithoutRunningThe
                                             [&](const qn::URL&) { ran = true; });
     EXPECT_FALSE(ran);
     EXPECT_EQ(laterError.code(), qn::NSUserCancelledError);
-}
-
-TEST(FileCoordinatorTest, TestsCanInjectFailuresThroughTheFactoryUntilItIsReset) {
-    struct FailingWrites : qn::ForwardingFileCoordinator {
-        using ForwardingFileCoordinator::ForwardingFileCoordinator;
-        void coordinateWritingItemAtURL(const qn::URL&, qn::FileCoordinatorWritingOptions,
-                                        qn::Error* outError, const Accessor&) override {
-            qn::setError(outError, qn::Error(qn::NSCocoaErrorDomain, qn::NSFileLockingError));
-        }
-    };
-    qn::FileCoordinator::setFactory([](std::shared_ptr<qn::FilePresenter> presenter) {
-        return std::make_shared<FailingWrites>(
-            std::make_shared<qn::InProcessFileCoordinator>(presenter));
-    });
-    qn::Error error;
-    qn::FileCoordinator::make(nullptr)->coordinateWritingItemAtURL(
-        url("/f"), 0, &error, [](const qn::URL&) { ADD_FAILURE() << "accessor ran"; });
-    EXPECT_EQ(error.code(), qn::NSFileLockingError);
-    qn::FileCoordinator::setFactory(nullptr);
-    EXPECT_EQ(dynamic_cast<FailingWrites*>(qn::FileCoordinator::make(nullptr).get()), nullptr);
 }
 
 TEST_P(FileCoordinatorContract, ResolvingSymbolicLinksGrantsTheLinkDestination) {

@@ -132,15 +132,14 @@ TEST_F(FileManagerTest, AttributesAndResourceValuesDescribeTheItemItself) {
     EXPECT_TRUE(failed(load("missing", &loaded, nullptr), qn::NSFileReadNoSuchFileError));
     EXPECT_TRUE(loaded.empty());
 
-    const qn::URL doc = dir.urlOf("doc.txt");
-    EXPECT_EQ(manager->resourceValue(doc, qn::NSURLFileSizeKey), qn::Value(std::uint64_t{5}));
-    EXPECT_EQ(manager->resourceValue(doc, qn::NSURLIsRegularFileKey), qn::Value(true));
-    EXPECT_EQ(manager->resourceValue(doc, qn::NSURLContentModificationDateKey),
-              qn::Value(qn::Date::fromTimespec(status.st_mtim)));
-    EXPECT_EQ(manager->resourceValue(dir.urlOf("folder"), qn::NSURLIsDirectoryKey),
-              qn::Value(true));
-    EXPECT_EQ(manager->resourceValue(dir.urlOf("folderLink"), qn::NSURLIsDirectoryKey),
-              qn::Value(false));
+    for (const auto& [name, key, value] :
+         {std::tuple{"doc.txt", qn::NSURLFileSizeKey, qn::Value(std::uint64_t{5})},
+          {"doc.txt", qn::NSURLIsRegularFileKey, true},
+          {"doc.txt", qn::NSURLContentModificationDateKey, qn::Date::fromTimespec(status.st_mtim)},
+          {"folder", qn::NSURLIsDirectoryKey, true},
+          {"folderLink", qn::NSURLIsDirectoryKey, false}}) {
+        EXPECT_EQ(manager->resourceValue(dir.urlOf(name), key), value) << name << " " << key;
+    }
     // No value and no error: a directory's size, a key nobody knows.
     for (const char* key : {qn::NSURLFileSizeKey, "NSURLNoSuchKey"}) {
         EXPECT_FALSE(manager->resourceValue(dir.urlOf("folder"), key, &error)) << key;
@@ -534,7 +533,7 @@ TEST_F(FileManagerTest, OneManagerServesSeveralThreadsWhileItsDelegateChanges) {
         }
     });
     std::atomic<int> failures{0};
-    std::vector<std::thread> workers;
+    std::vector<std::jthread> workers;
     for (const std::string base : {"w0/", "w1/", "w2/"}) {
         dir.write(base + "tree/sub/f", "data");
         workers.emplace_back([&, base] {
@@ -545,9 +544,7 @@ TEST_F(FileManagerTest, OneManagerServesSeveralThreadsWhileItsDelegateChanges) {
             }
         });
     }
-    for (std::thread& worker : workers) {
-        worker.join();
-    }
+    workers.clear();  // joins them
     done = true;
     changer.join();
     EXPECT_EQ(failures, 0);

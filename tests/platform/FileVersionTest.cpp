@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -19,13 +18,10 @@
 
 namespace {
 
+using qn::test::readFile;
 using qn::test::TemporaryDirectory;
 using VersionList = std::vector<std::shared_ptr<qn::FileVersion>>;
-
-std::string contentsOf(const qn::URL& url) {
-    std::ifstream stream(url.path(), std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
+using Strings = std::vector<std::string>;
 
 // A document "Doc.txt" in a simulated cloud container whose drive lives in a temporary directory.
 class FileVersionTest : public ::testing::Test {
@@ -56,7 +52,7 @@ protected:
                     cloud_->setVersionResolved(item_, record.identifier, true, nullptr));
     }
     // The file `name` of the document's folder, "" when it cannot be read.
-    std::string read(const std::string& name) const { return contentsOf(urlOf(name)); }
+    std::string read(const std::string& name) const { return readFile(urlOf(name).path()); }
     bool exists(const std::string& name) const {
         return std::filesystem::exists(folder_.URLByAppendingPathComponent(name).path());
     }
@@ -64,8 +60,8 @@ protected:
         return folder_.URLByAppendingPathComponent(name, isDirectory);
     }
     // Every entry of the document's folder, hidden ones included.
-    std::vector<std::string> entries() const {
-        std::vector<std::string> names;
+    Strings entries() const {
+        Strings names;
         for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
             names.push_back(entry.path().filename());
         }
@@ -88,7 +84,7 @@ struct Reports {
         std::size_t total;
     };
     std::vector<Progress> progress;
-    std::vector<std::string> events;  // "progress", "completion", "error"
+    Strings events;  // "progress", "completion", "error"
     std::vector<qn::URL> saved;
     std::vector<qn::Error> errors;
     std::vector<std::shared_ptr<qn::FileVersion>> askedToRemove;
@@ -135,7 +131,7 @@ TEST_F(FileVersionTest, ListsCurrentOtherAndUnresolvedConflictVersions) {
 
     const VersionList unresolved = qn::FileVersion::unresolvedConflictVersionsOfItemAtURL(item_);
     ASSERT_EQ(unresolved.size(), 1u);
-    EXPECT_EQ(contentsOf(unresolved[0]->URL()), "theirs");
+    EXPECT_EQ(readFile(unresolved[0]->URL().path()), "theirs");
     EXPECT_EQ(unresolved[0]->localizedNameOfSavingComputer(), "Anna's Mac");
 
     const VersionList all = qn::FileVersion::allVersionsOfItemAtURL(item_);
@@ -155,7 +151,7 @@ TEST_F(FileVersionTest, ListsCurrentOtherAndUnresolvedConflictVersions) {
     EXPECT_EQ(qn::FileVersion::latestVersionOfItemAtURL(item_)->modificationDate(), qn::Date(2000));
 }
 
-TEST_F(FileVersionTest, RemovesAndResolvesStoredVersionsButNeverTheCurrentOne) {
+TEST_F(FileVersionTest, ReplacesRemovesAndResolvesStoredVersionsButNeverTheCurrentOne) {
     writeItem("mine");
     addVersion("theirs", qn::Date(900), "Anna's Mac");
     addVersion("other", qn::Date(950), "Bob's PC");
@@ -164,11 +160,19 @@ TEST_F(FileVersionTest, RemovesAndResolvesStoredVersionsButNeverTheCurrentOne) {
     ASSERT_EQ(conflicts.size(), 2u);
 
     qn::Error error;
+    EXPECT_EQ(current->replaceItemAtURL(item_, &error), item_);
+    EXPECT_EQ(read("Doc.txt"), "mine");
+    EXPECT_EQ(conflicts[0]->replaceItemAtURL(item_, &error), item_) << error.description();
+    EXPECT_EQ(read("Doc.txt"), "theirs");
+    EXPECT_EQ(entries(), Strings{"Doc.txt"});  // no staged copy left behind
+    EXPECT_EQ(conflicts[0]->replaceItemAtURL(urlOf("missing/Doc.txt"), &error), std::nullopt);
+    EXPECT_EQ(error.code(), qn::NSFileNoSuchFileError);
+
     EXPECT_FALSE(qn::removeConflictFileVersion(current, nullptr, &error));
     EXPECT_EQ(error.code(), qn::NSFeatureUnsupportedError);
     EXPECT_FALSE(current->setResolved(true, &error));
     EXPECT_EQ(error.code(), qn::NSFeatureUnsupportedError);
-    EXPECT_EQ(read("Doc.txt"), "mine");
+    EXPECT_EQ(read("Doc.txt"), "theirs");
 
     // A cancelled coordinator grants nothing, so nothing is removed.
     auto cancelled = qn::FileCoordinator::make(nullptr);
@@ -189,23 +193,6 @@ TEST_F(FileVersionTest, RemovesAndResolvesStoredVersionsButNeverTheCurrentOne) {
     EXPECT_TRUE(others[0]->isResolved());
 }
 
-TEST_F(FileVersionTest, ReplacesTheItemWithAVersionAtomically) {
-    writeItem("mine");
-    addVersion("theirs", qn::Date(900), "Anna's Mac");
-    const auto current = qn::FileVersion::currentVersionOfItemAtURL(item_);
-    const auto conflict = qn::FileVersion::unresolvedConflictVersionsOfItemAtURL(item_).at(0);
-
-    qn::Error error;
-    EXPECT_EQ(current->replaceItemAtURL(item_, &error), item_);
-    EXPECT_EQ(read("Doc.txt"), "mine");
-    EXPECT_EQ(conflict->replaceItemAtURL(item_, &error), item_) << error.description();
-    EXPECT_EQ(read("Doc.txt"), "theirs");
-    EXPECT_EQ(entries(), std::vector<std::string>{"Doc.txt"});  // no staged copy left behind
-
-    EXPECT_EQ(conflict->replaceItemAtURL(urlOf("missing/Doc.txt"), &error), std::nullopt);
-    EXPECT_EQ(error.code(), qn::NSFileNoSuchFileError);
-}
-
 TEST_F(FileVersionTest, ResolvingSavesCopiesUnderFreeNamesDeletesAndResolvesTheRest) {
     writeItem("mine");
     addVersion("theirs A", qn::Date(900), "Anna's Mac");
@@ -221,8 +208,8 @@ TEST_F(FileVersionTest, ResolvingSavesCopiesUnderFreeNamesDeletesAndResolvesTheR
     const qn::URL savedA = urlOf("Doc (conflict from Anna's Mac) 2.txt");
     const qn::URL savedB = urlOf("Doc (conflict from Anna's Mac) 3.txt");
     EXPECT_TRUE(reports.errors.empty()) << reports.errors.at(0).description();
-    EXPECT_EQ(reports.events, (std::vector<std::string>{"progress", "progress", "progress",
-                                                        "progress", "completion"}));
+    EXPECT_EQ(reports.events,
+              (Strings{"progress", "progress", "progress", "progress", "completion"}));
     ASSERT_EQ(reports.progress.size(), 4u);
     const std::vector<std::optional<qn::URL>> savedPerStep = {std::nullopt, savedA, savedB,
                                                               std::nullopt};
@@ -251,7 +238,7 @@ TEST_F(FileVersionTest, ResolvingSavesCopiesUnderFreeNamesDeletesAndResolvesTheR
     // A computer without a name still gives a readable name.
     Reports again;
     again.resolve(item_, {conflicts[2]}, {}, urlOf("sub", true));
-    ASSERT_EQ(again.events, std::vector<std::string>{"error"});  // "sub" does not exist
+    ASSERT_EQ(again.events, Strings{"error"});  // "sub" does not exist
     EXPECT_EQ(again.errors[0].code(), qn::NSFileNoSuchFileError);
     std::filesystem::create_directory(urlOf("sub").path());
     Reports third;
@@ -270,7 +257,7 @@ TEST_F(FileVersionTest, TheCurrentVersionIsDeletedOnlyWhenTheHandlerAgrees) {
     keep.resolve(item_, {}, {current}, {}, false);
     ASSERT_EQ(keep.askedToRemove.size(), 1u);
     EXPECT_TRUE(keep.askedToRemove[0]->isEqual(*current));
-    EXPECT_EQ(keep.events, (std::vector<std::string>{"progress", "completion"}));
+    EXPECT_EQ(keep.events, (Strings{"progress", "completion"}));
     EXPECT_TRUE(exists("Doc.txt"));
     EXPECT_TRUE(qn::FileVersion::unresolvedConflictVersionsOfItemAtURL(item_).empty());
 
@@ -305,9 +292,9 @@ TEST_F(FileVersionTest, ResolvingStopsAtTheFirstErrorAndRefusesBadInput) {
         std::make_shared<FullDiskOnMove>(qn::FileManager::defaultManager()));
     Reports full;
     full.resolve(item_, conflicts, {conflicts[1]}, folder_);
-    EXPECT_EQ(full.events, std::vector<std::string>{"error"});
+    EXPECT_EQ(full.events, Strings{"error"});
     EXPECT_EQ(full.errors.at(0).code(), qn::NSFileWriteOutOfSpaceError);
-    EXPECT_EQ(entries(), std::vector<std::string>{"Doc.txt"});  // the staged copy is gone
+    EXPECT_EQ(entries(), Strings{"Doc.txt"});  // the staged copy is gone
     EXPECT_EQ(qn::FileVersion::unresolvedConflictVersionsOfItemAtURL(item_).size(), 2u);
     qn::FileManager::setDefaultManager(nullptr);
 
@@ -316,13 +303,13 @@ TEST_F(FileVersionTest, ResolvingStopsAtTheFirstErrorAndRefusesBadInput) {
     for (const qn::URL& url : {other, qn::URL()}) {
         Reports refused;
         refused.resolve(url, {}, {conflicts[0]}, folder_);
-        EXPECT_EQ(refused.events, std::vector<std::string>{"error"});
+        EXPECT_EQ(refused.events, Strings{"error"});
     }
     Reports noFolder;
     noFolder.resolve(item_, {conflicts[0]}, {}, qn::URL());
-    EXPECT_EQ(noFolder.events, std::vector<std::string>{"error"});
+    EXPECT_EQ(noFolder.events, Strings{"error"});
     EXPECT_EQ(qn::FileVersion::unresolvedConflictVersionsOfItemAtURL(item_).size(), 2u);
-    EXPECT_EQ(entries(), std::vector<std::string>{"Doc.txt"});
+    EXPECT_EQ(entries(), Strings{"Doc.txt"});
 }
 
 }  // namespace

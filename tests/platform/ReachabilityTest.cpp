@@ -2,7 +2,6 @@
 #include <net/if.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <memory>
 #include <vector>
@@ -11,6 +10,7 @@
 #include "qn/MainQueue.h"
 #include "qn/NotificationCenter.h"
 #include "qn/QNReachability.h"
+#include "qn/SimulatedCloud.h"
 #include "qn/UbiquityService.h"
 
 namespace {
@@ -18,43 +18,10 @@ namespace {
 using namespace std::chrono_literals;
 using Snapshot = qn::NetlinkRouteMonitor::Snapshot;
 
-/// A simulated network whose reachability the test sets.
-struct FakeService : qn::UbiquityService {
-    std::atomic<bool> reachable{true};
-
-    void setReachable(bool value) {
-        reachable = value;
-        auto self = shared_from_this();
-        qn::MainQueue::async([self] {
-            qn::NotificationCenter::defaultCenter().post(
-                qn::QNUbiquityServiceReachabilityDidChangeNotification, self);
-        });
-    }
-
-    std::optional<bool> isNetworkReachable() override { return reachable.load(); }
-    std::optional<qn::UbiquityIdentityToken> identityToken() override { return std::nullopt; }
-    std::optional<qn::URL> containerURL(std::string_view) override { return std::nullopt; }
-    bool startDownloading(const qn::URL&, qn::Error*) override { return false; }
-    bool evict(const qn::URL&, qn::Error*) override { return false; }
-    std::optional<qn::Value> resourceValue(const qn::URL&, std::string_view, qn::Error*) override {
-        return std::nullopt;
-    }
-    std::uint64_t startMetadataFeed(const std::vector<std::string>&,
-                                    std::shared_ptr<qn::MetadataFeedObserver>) override {
-        return 1;
-    }
-    void stopMetadataFeed(std::uint64_t) override {}
-    std::vector<qn::FileVersionRecord> otherVersionsOfItem(const qn::URL&) override { return {}; }
-    bool setVersionResolved(const qn::URL&, std::string_view, bool, qn::Error*) override {
-        return false;
-    }
-    bool removeVersion(const qn::URL&, std::string_view, qn::Error*) override { return false; }
-};
-
 class SimulatedReachabilityTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        qn::UbiquityService::setCurrent(service);
+        qn::UbiquityService::setCurrent(cloud);
         observation = qn::NotificationCenter::defaultCenter().addObserver(
             kNetworkReachabilityChangedNotification, nullptr, [this](const qn::Notification& n) {
                 EXPECT_TRUE(qn::MainQueue::isMainThread());
@@ -66,56 +33,52 @@ protected:
         qn::UbiquityService::setCurrent(nullptr);
     }
 
+    // Sets the simulated network and announces it even when nothing changed, as a service may.
+    void setReachable(bool reachable) {
+        cloud->setNetworkReachable(reachable);
+        qn::NotificationCenter::defaultCenter().post(
+            qn::QNUbiquityServiceReachabilityDidChangeNotification, cloud);
+    }
     /// Pumps long enough for every queued hand-over to run.
     static void settle() { qn::MainQueue::runFor(50ms); }
 
-    std::shared_ptr<FakeService> service = std::make_shared<FakeService>();
+    std::shared_ptr<qn::SimulatedCloud> cloud = qn::SimulatedCloud::create("someone");
     std::vector<std::shared_ptr<qn::Object>> senders;
     qn::NotificationCenter::Observation observation;
 };
 
-TEST_F(SimulatedReachabilityTest, StatusFollowsTheSimulatedNetworkWithoutANotifier) {
-    const auto reachability = QNReachability::reachabilityForInternetConnection();
+TEST_F(SimulatedReachabilityTest,
+       StatusFollowsTheServiceAndOnlyRealChangesArePostedWhileNotifying) {
+    auto reachability = QNReachability::reachabilityForInternetConnection();
     EXPECT_EQ(reachability->currentReachabilityStatus(), ReachableViaWiFi);
-    service->reachable = false;
+    setReachable(false);
     EXPECT_EQ(reachability->currentReachabilityStatus(), NotReachable);
     settle();
-    EXPECT_TRUE(senders.empty());
-}
+    EXPECT_TRUE(senders.empty()) << "no notifier, no notification";
 
-TEST_F(SimulatedReachabilityTest, NotifiesEachRealChangeOnceUntilStopped) {
-    const auto reachability = QNReachability::reachabilityForInternetConnection();
     ASSERT_TRUE(reachability->startNotifier());
     EXPECT_TRUE(reachability->startNotifier());  // a second start must not double the posts
-
-    service->setReachable(true);  // the status it started with: no change
+    setReachable(false);                         // the status it started with: no change
     settle();
     EXPECT_TRUE(senders.empty());
-
-    service->setReachable(false);
+    setReachable(true);
     ASSERT_TRUE(qn::MainQueue::runUntil([&] { return !senders.empty(); }, 5s));
-    service->setReachable(false);
+    setReachable(true);
     settle();
     ASSERT_EQ(senders.size(), 1u);
     EXPECT_EQ(senders[0], reachability);
-    EXPECT_EQ(reachability->currentReachabilityStatus(), NotReachable);
-
-    service->setReachable(true);
+    setReachable(false);
     settle();
     EXPECT_EQ(senders.size(), 2u);
 
-    // A change already queued when the notifier stops is not reported.
-    service->setReachable(false);
+    // A change still queued when the notifier stops, or when the monitor goes away, is not posted.
+    setReachable(true);
     reachability->stopNotifier();
-    service->setReachable(true);
     settle();
     EXPECT_EQ(senders.size(), 2u);
-}
-
-TEST_F(SimulatedReachabilityTest, AMonitorReleasedWithAChangeQueuedPostsNothing) {
-    auto reachability = QNReachability::reachabilityForInternetConnection();
     ASSERT_TRUE(reachability->startNotifier());
-    service->setReachable(false);
+    setReachable(false);
+    senders.clear();  // they hold the monitor
     reachability.reset();
     settle();
     EXPECT_TRUE(senders.empty());

@@ -1,12 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -54,12 +52,8 @@ public:
     // The last report of the item whose file name is `name`.
     std::shared_ptr<const qn::MetadataItem> latest(const std::string& name) {
         std::lock_guard lock(mutex_);
-        for (auto it = items_.rbegin(); it != items_.rend(); ++it) {
-            if (qn::lastPathComponent((*it)->path()) == name) {
-                return *it;
-            }
-        }
-        return nullptr;
+        const auto found = latest_.find(name);
+        return found != latest_.end() ? found->second : nullptr;
     }
 
 private:
@@ -67,8 +61,9 @@ private:
                 const std::vector<std::string>& removed) {
         std::lock_guard lock(mutex_);
         for (const auto& item : items) {
-            line += " " + qn::lastPathComponent(item->path());
-            items_.push_back(item);
+            const std::string name = qn::lastPathComponent(item->path());
+            line += " " + name;
+            latest_[name] = item;
         }
         if (!removed.empty()) {
             line += " |";
@@ -81,13 +76,8 @@ private:
 
     std::mutex mutex_;
     std::vector<std::string> calls_;
-    std::vector<std::shared_ptr<const qn::MetadataItem>> items_;
+    std::map<std::string, std::shared_ptr<const qn::MetadataItem>> latest_;
 };
-
-std::string readFile(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
 
 qn::Value attribute(const qn::MetadataItem& item, std::string_view key) {
     const qn::Value* value = item.valueForAttribute(key);
@@ -106,13 +96,9 @@ protected:
     static qn::URL document(std::string_view name) {
         return container().URLByAppendingPathComponent("Documents/" + std::string(name));
     }
-    std::string onDisk(std::string_view name) const {
-        return root.read("Mobile Documents/iCloud~com~example~Notes/Documents/" +
-                         std::string(name));
-    }
-    bool existsOnDisk(std::string_view name) const {
-        return root.exists("Mobile Documents/iCloud~com~example~Notes/Documents/" +
-                           std::string(name));
+    // Where the drive keeps the document `name`, relative to `root`.
+    static std::string local(std::string_view name) {
+        return "Mobile Documents/iCloud~com~example~Notes/Documents/" + std::string(name);
     }
     std::uint64_t startFeed(const std::shared_ptr<RecordingObserver>& observer,
                             const char* scope = qn::NSMetadataQueryUbiquitousDocumentsScope) {
@@ -166,7 +152,7 @@ TEST_F(SimulatedCloudTest, ContainerAnswersInAnotherSpellingStillNameTheSameItem
 
     const qn::URL oddItem = qn::URL::fileURLWithPath(odd + "/Documents/Cafe\u0301.txt", false);
     cloud->setItem(oddItem, SimulatedItemState::downloaded("latte"));
-    EXPECT_EQ(onDisk("Caf\u00e9.txt"), "latte") << "written at the generated location";
+    EXPECT_EQ(root.read(local("Caf\u00e9.txt")), "latte") << "written at the generated location";
     ASSERT_TRUE(cloud->item(document("CAF\u00c9.txt")));
     EXPECT_EQ(cloud->localURL(oddItem), document("Caf\u00e9.txt"));
 
@@ -175,7 +161,7 @@ TEST_F(SimulatedCloudTest, ContainerAnswersInAnotherSpellingStillNameTheSameItem
     cloud->setContainerURL(kContainer, root.urlOf("alias", true));
     EXPECT_TRUE(cloud->evict(root.urlOf("alias/Documents/Caf\u00e9.txt"), &error))
         << error.description();
-    EXPECT_FALSE(existsOnDisk("Caf\u00e9.txt"));
+    EXPECT_FALSE(root.exists(local("Caf\u00e9.txt")));
 
     EXPECT_THROW(cloud->setItem(root.urlOf("elsewhere.txt"), {}), std::invalid_argument);
     EXPECT_THROW(cloud->setItem(generated, {}), std::invalid_argument) << "a container is no item";
@@ -244,24 +230,25 @@ TEST_F(SimulatedCloudTest, ItemStatesAreReportedThroughTheAttributeKeys) {
     ASSERT_NE(report, nullptr);
     EXPECT_EQ(report->path(), document("Report.txt").path());
     EXPECT_EQ(report->attributes().size(), 16u);
-    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSNameKey), qn::Value("Report.txt"));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataItemURLKey), qn::Value(document("Report.txt")));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSSizeKey), qn::Value(std::uint64_t{3}));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSCreationDateKey), qn::Value(qn::Date(50)));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataItemFSContentChangeDateKey),
-              qn::Value(qn::Date(100)));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataItemIsUbiquitousKey), qn::Value(true));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey),
-              qn::Value(true));
-    EXPECT_EQ(attribute(*report, qn::NSURLUbiquitousItemDownloadingStatusKey),
-              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusDownloaded));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsDownloadedKey), qn::Value(true));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsUploadedKey), qn::Value(false));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsUploadingKey), qn::Value(true));
-    EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemPercentUploadedKey), qn::Value(12.5));
-    struct stat status =
-        root.status("Mobile Documents/iCloud~com~example~Notes/Documents/Report.txt");
-    EXPECT_EQ(qn::Date::fromTimespec(status.st_mtim), qn::Date(100));
+    const std::pair<const char*, qn::Value> expected[] = {
+        {qn::NSMetadataItemFSNameKey, "Report.txt"},
+        {qn::NSMetadataItemURLKey, document("Report.txt")},
+        {qn::NSMetadataItemFSSizeKey, std::uint64_t{3}},
+        {qn::NSMetadataItemFSCreationDateKey, qn::Date(50)},
+        {qn::NSMetadataItemFSContentChangeDateKey, qn::Date(100)},
+        {qn::NSMetadataItemIsUbiquitousKey, true},
+        {qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey, true},
+        {qn::NSURLUbiquitousItemDownloadingStatusKey,
+         qn::NSURLUbiquitousItemDownloadingStatusDownloaded},
+        {qn::NSMetadataUbiquitousItemIsDownloadedKey, true},
+        {qn::NSMetadataUbiquitousItemIsUploadedKey, false},
+        {qn::NSMetadataUbiquitousItemIsUploadingKey, true},
+        {qn::NSMetadataUbiquitousItemPercentUploadedKey, 12.5},
+    };
+    for (const auto& [key, value] : expected) {
+        EXPECT_EQ(attribute(*report, key), value) << key;
+    }
+    EXPECT_EQ(qn::Date::fromTimespec(root.status(local("Report.txt")).st_mtim), qn::Date(100));
 
     const auto odd = observer->latest("Cafe\u0301.txt");
     ASSERT_NE(odd, nullptr);
@@ -269,17 +256,14 @@ TEST_F(SimulatedCloudTest, ItemStatesAreReportedThroughTheAttributeKeys) {
     EXPECT_EQ(attribute(*odd, qn::NSURLUbiquitousItemDownloadingStatusKey),
               qn::Value(qn::NSURLUbiquitousItemDownloadingStatusCurrent));
     EXPECT_TRUE(cloud->startDownloading(document("Caf\u00e9.txt"), &error)) << "trusts its status";
-    EXPECT_FALSE(existsOnDisk("Caf\u00e9.txt"));
+    EXPECT_FALSE(root.exists(local("Caf\u00e9.txt")));
 
-    EXPECT_EQ(
-        cloud->resourceValue(document("Report.txt"), qn::NSURLUbiquitousItemIsUploadedKey, &error),
-        qn::Value(false));
-    EXPECT_EQ(cloud->resourceValue(document("Report.txt"),
-                                   qn::NSURLUbiquitousItemDownloadingStatusKey, &error),
-              qn::Value(qn::NSURLUbiquitousItemDownloadingStatusDownloaded));
-    EXPECT_EQ(cloud->resourceValue(document("nothing.txt"), qn::NSURLUbiquitousItemIsDownloadedKey,
-                                   &error),
-              std::nullopt);
+    for (const auto& [key, value] :
+         {std::pair{qn::NSURLUbiquitousItemIsUploadedKey, qn::Value(false)},
+          {qn::NSURLUbiquitousItemDownloadingStatusKey,
+           qn::NSURLUbiquitousItemDownloadingStatusDownloaded}}) {
+        EXPECT_EQ(cloud->resourceValue(document("Report.txt"), key, &error), value) << key;
+    }
     EXPECT_FALSE(error);
 }
 
@@ -292,7 +276,7 @@ TEST_F(SimulatedCloudTest, ProgressiveDownloadEndsWithTheCloudContentsOnDisk) {
 
     ASSERT_TRUE(cloud->startDownloading(document("Big.txt"), &error)) << error.description();
     cloud->advanceDownload(document("Big.txt"), 40);
-    EXPECT_FALSE(existsOnDisk("Big.txt"));
+    EXPECT_FALSE(root.exists(local("Big.txt")));
     cloud->deliverQueryBatches();
     auto report = observer->latest("Big.txt");
     EXPECT_EQ(attribute(*report, qn::NSMetadataUbiquitousItemIsDownloadingKey), qn::Value(true));
@@ -300,7 +284,7 @@ TEST_F(SimulatedCloudTest, ProgressiveDownloadEndsWithTheCloudContentsOnDisk) {
               qn::Value(40.0));
 
     cloud->advanceDownload(document("Big.txt"), 250);  // clamped: completes
-    EXPECT_EQ(onDisk("Big.txt"), "payload");
+    EXPECT_EQ(root.read(local("Big.txt")), "payload");
     const auto state = cloud->item(document("Big.txt"));
     EXPECT_EQ(state->downloadingStatus, SimulatedDownloadingStatus::Current);
     EXPECT_FALSE(state->downloading);
@@ -313,44 +297,39 @@ TEST_F(SimulatedCloudTest, ProgressiveDownloadEndsWithTheCloudContentsOnDisk) {
 }
 
 TEST_F(SimulatedCloudTest, DownloadFailuresAndEviction) {
-    cloud->setItem(document("a.txt"), SimulatedItemState::notDownloaded("cloud bytes"));
-    EXPECT_FALSE(cloud->startDownloading(document("missing.txt"), &error));
-    EXPECT_EQ(error.code(), qn::NSFileReadNoSuchFileError);
-    EXPECT_FALSE(cloud->startDownloading(root.urlOf("outside.txt"), &error));
-    EXPECT_EQ(error.code(), qn::NSUbiquitousFileUnavailableError);
-
+    // The code of the failure a call reported, 0 when it succeeded.
+    const auto failure = [&](bool succeeded) { return succeeded ? 0 : error.code(); };
+    const qn::URL a = document("a.txt");
+    cloud->setItem(a, SimulatedItemState::notDownloaded("cloud bytes"));
+    EXPECT_EQ(failure(cloud->startDownloading(root.urlOf("outside.txt"), &error)),
+              qn::NSUbiquitousFileUnavailableError);
     cloud->setNetworkReachable(false);
-    EXPECT_FALSE(cloud->startDownloading(document("a.txt"), &error));
-    EXPECT_EQ(error.code(), qn::NSUbiquitousFileUbiquityServerNotAvailable);
+    EXPECT_EQ(failure(cloud->startDownloading(a, &error)),
+              qn::NSUbiquitousFileUbiquityServerNotAvailable);
     cloud->setNetworkReachable(true);
 
     const qn::Error refused(qn::NSCocoaErrorDomain, qn::NSFileReadNoPermissionError);
     cloud->setDefaultDownloadBehavior(qn::SimulatedDownloadBehavior::failing(refused));
-    EXPECT_FALSE(cloud->startDownloading(document("a.txt"), &error));
+    EXPECT_FALSE(cloud->startDownloading(a, &error));
     EXPECT_EQ(error, refused);
-    EXPECT_EQ(cloud->item(document("a.txt"))->downloadingStatus,
-              SimulatedDownloadingStatus::NotDownloaded);
+    EXPECT_EQ(cloud->item(a)->downloadingStatus, SimulatedDownloadingStatus::NotDownloaded);
 
-    cloud->setDownloadBehavior(document("a.txt"), qn::SimulatedDownloadBehavior::immediate());
-    ASSERT_TRUE(cloud->startDownloading(document("a.txt"), &error)) << error.description();
-    EXPECT_EQ(onDisk("a.txt"), "cloud bytes");
+    cloud->setDownloadBehavior(a, qn::SimulatedDownloadBehavior::immediate());
+    ASSERT_TRUE(cloud->startDownloading(a, &error)) << error.description();
+    EXPECT_EQ(root.read(local("a.txt")), "cloud bytes");
 
     startFeed(observer);
     cloud->deliverQueryBatches();
-    EXPECT_TRUE(cloud->evict(document("a.txt"), &error)) << error.description();
-    EXPECT_FALSE(existsOnDisk("a.txt"));
+    EXPECT_TRUE(cloud->evict(a, &error)) << error.description();
+    EXPECT_FALSE(root.exists(local("a.txt")));
     cloud->deliverQueryBatches();
     EXPECT_EQ(attribute(*observer->latest("a.txt"), qn::NSURLUbiquitousItemDownloadingStatusKey),
               qn::Value(qn::NSURLUbiquitousItemDownloadingStatusNotDownloaded));
-    EXPECT_FALSE(cloud->evict(document("a.txt"), &error)) << "nothing local left";
-    EXPECT_EQ(error.code(), qn::NSFileReadNoSuchFileError);
+    EXPECT_EQ(failure(cloud->evict(a, &error)), qn::NSFileReadNoSuchFileError) << "nothing local";
 
     cloud->signOut();
-    EXPECT_FALSE(cloud->startDownloading(document("a.txt"), &error));
-    EXPECT_EQ(error.code(), qn::NSUbiquitousFileUnavailableError);
-    EXPECT_EQ(
-        cloud->resourceValue(document("a.txt"), qn::NSURLUbiquitousItemIsUploadedKey, nullptr),
-        std::nullopt);
+    EXPECT_EQ(failure(cloud->startDownloading(a, &error)), qn::NSUbiquitousFileUnavailableError);
+    EXPECT_EQ(cloud->resourceValue(a, qn::NSURLUbiquitousItemIsUploadedKey, nullptr), std::nullopt);
 }
 
 TEST_F(SimulatedCloudTest, ConflictVersionsAreListedResolvedAndRemoved) {
@@ -370,7 +349,7 @@ TEST_F(SimulatedCloudTest, ConflictVersionsAreListedResolvedAndRemoved) {
     const std::string versionsDirectory = qn::stringByDeletingLastPathComponent(
         qn::stringByDeletingLastPathComponent(later.url.path()));
     EXPECT_FALSE(qn::isBasePathOfPath(root.path(), versionsDirectory)) << "outside the drive";
-    EXPECT_EQ(readFile(later.url.path()), "theirs");
+    EXPECT_EQ(qn::test::readFile(later.url.path()), "theirs");
 
     ASSERT_TRUE(cloud->setVersionResolved(document("Doc.txt"), later.identifier, true, &error));
     EXPECT_TRUE(cloud->item(document("Doc.txt"))->hasUnresolvedConflicts) << "one is left";
@@ -438,7 +417,7 @@ TEST_F(SimulatedCloudTest, AutomaticDeliveryNeverOverlapsAndStopWaitsForIt) {
         feeds.push_back(cloud->startMetadataFeed({qn::NSMetadataQueryUbiquitousDocumentsScope},
                                                  observers.back()));
     }
-    std::vector<std::thread> writers;
+    std::vector<std::jthread> writers;
     for (int t = 0; t < 3; ++t) {
         writers.emplace_back([&, t] {
             for (int i = 0; i < 40; ++i) {
@@ -452,9 +431,7 @@ TEST_F(SimulatedCloudTest, AutomaticDeliveryNeverOverlapsAndStopWaitsForIt) {
     std::this_thread::sleep_for(5ms);
     cloud->stopMetadataFeed(feeds[0]);
     observers[0]->stopped = true;
-    for (auto& writer : writers) {
-        writer.join();
-    }
+    writers.clear();  // joins them
     for (std::size_t i = 1; i < feeds.size(); ++i) {
         cloud->stopMetadataFeed(feeds[i]);
         observers[i]->stopped = true;

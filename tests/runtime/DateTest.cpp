@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
 #include <random>
 
@@ -19,11 +18,6 @@ constexpr std::int64_t kReference = 978'307'200;
 // 1970-01-01 and 2100-01-01 in seconds since the reference date.
 constexpr double kFirst = -978'307'200.0;
 constexpr double kLast = 3'124'137'600.0;
-
-void expectNormalised(const timespec& ts) {
-    EXPECT_GE(ts.tv_nsec, 0);
-    EXPECT_LT(ts.tv_nsec, kNanos);
-}
 
 TEST(DateTest, DateToTimespecAndBackIsExact) {
     // Adding whole seconds and the fraction as doubles rounds twice and misses by one ulp here.
@@ -47,7 +41,7 @@ TEST(DateTest, DateToTimespecAndBackIsExact) {
             continue;
         }
         const timespec ts = qn::Date(seconds).toTimespec();
-        expectNormalised(ts);
+        ASSERT_TRUE(ts.tv_nsec >= 0 && ts.tv_nsec < kNanos) << ts.tv_nsec;
         ASSERT_EQ(qn::Date::fromTimespec(ts).timeIntervalSinceReferenceDate(), seconds)
             << fmt::format("{:.17g}", seconds);
         ++checked;
@@ -65,20 +59,6 @@ TEST(DateTest, DateToTimespecAndBackIsExact) {
         ASSERT_EQ(ts.tv_sec, (nanos - rest) / kNanos + kReference) << nanos;
         ASSERT_EQ(ts.tv_nsec, rest) << nanos;
         ASSERT_EQ(qn::Date::fromTimespec(ts).timeIntervalSinceReferenceDate(), seconds) << nanos;
-    }
-}
-
-TEST(DateTest, TimespecToDateAndBackIsWithinAMicrosecond) {
-    std::mt19937_64 random(19700101);
-    std::uniform_int_distribution<std::int64_t> second(0, 4'102'444'800 - 1);
-    std::uniform_int_distribution<long> nanosecond(0, kNanos - 1);
-    for (int i = 0; i < 200'000; ++i) {
-        const timespec original{static_cast<time_t>(second(random)), nanosecond(random)};
-        const timespec back = qn::Date::fromTimespec(original).toTimespec();
-        expectNormalised(back);
-        const std::int64_t difference =
-            (back.tv_sec - original.tv_sec) * kNanos + (back.tv_nsec - original.tv_nsec);
-        ASSERT_LE(std::llabs(difference), 1000) << original.tv_sec << "." << original.tv_nsec;
     }
 }
 

@@ -25,9 +25,7 @@ TEST(ErrorTest, DescriptionsFallBackToFoundationTextAndShowTheUnderlyingError) {
     EXPECT_EQ(qn::Error("D", 2, {{qn::NSLocalizedDescriptionKey, 7}}).localizedDescription(),
               "The operation couldn\xE2\x80\x99t be completed. (D error 2.)");
 
-    const qn::Error posix = qn::Error::posixError(ENOENT);
-    EXPECT_EQ(posix.domain(), qn::NSPOSIXErrorDomain);
-    EXPECT_EQ(posix.code(), ENOENT);
+    const qn::Error posix = qn::Error::posixError(ENOENT);  // its domain and code: see below
     EXPECT_EQ(qn::Error::posixError(EACCES, {{qn::NSLocalizedDescriptionKey, "Mine"}})
                   .localizedDescription(),
               "Mine");
@@ -71,7 +69,7 @@ TEST(LocalizedStringTest, DefaultRuleAndProviderFallback) {
 TEST(LocalizedStringTest, LookupsRaceWithInstallingProviders) {
     ProviderReset reset;
     std::atomic<bool> stop = false;
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (int i = 0; i < 4; ++i) {
         readers.emplace_back([&] {
             while (!stop) {
@@ -88,9 +86,7 @@ TEST(LocalizedStringTest, LookupsRaceWithInstallingProviders) {
         qn::setLocalizedStringProvider(nullptr);
     }
     stop = true;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    readers.clear();  // joins them
 }
 
 }  // namespace

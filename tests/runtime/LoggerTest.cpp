@@ -112,7 +112,7 @@ TEST(LoggerTest, ConcurrentLoggingWhileSinkIsReplacedLosesNothing) {
     qn::setLogSink(captureSink);
     constexpr int threadCount = 8;
     constexpr int linesPerThread = 300;
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < threadCount; ++t) {
         threads.emplace_back([t] {
             for (int i = 0; i < linesPerThread; ++i) {
@@ -123,9 +123,7 @@ TEST(LoggerTest, ConcurrentLoggingWhileSinkIsReplacedLosesNothing) {
     for (int i = 0; i < 200; ++i) {
         qn::setLogSink(captureSink);  // drops the sink object other threads may be running
     }
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();  // joins them
 
     std::set<std::string> messages;
     for (const auto& line : capture.lines()) {

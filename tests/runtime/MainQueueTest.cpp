@@ -25,7 +25,7 @@ TEST(MainQueueTest, AsyncFromSeveralThreadsRunsOnMainThreadInHandOverOrder) {
     std::vector<std::vector<int>> seen(kThreads);  // touched on the main thread only
     int handled = 0;                               // likewise
     std::atomic<int> offMain{0};
-    std::vector<std::thread> threads;
+    std::vector<std::jthread> threads;
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&, t] {
             for (int i = 0; i < kPerThread; ++i) {
@@ -38,9 +38,7 @@ TEST(MainQueueTest, AsyncFromSeveralThreadsRunsOnMainThreadInHandOverOrder) {
         });
     }
     ASSERT_TRUE(qn::MainQueue::runUntil([&] { return handled == kThreads * kPerThread; }, 30s));
-    for (auto& thread : threads) {
-        thread.join();
-    }
+    threads.clear();  // joins them
     EXPECT_EQ(offMain, 0);
     std::vector<int> inOrder(kPerThread);
     std::iota(inOrder.begin(), inOrder.end(), 0);
@@ -59,7 +57,7 @@ TEST(MainQueueTest, AsyncFromSeveralThreadsRunsOnMainThreadInHandOverOrder) {
     EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-TEST(MainQueueTest, SyncFromWorkerWaitsForTheMainThreadAndOnlyTheMainThreadPumps) {
+TEST(MainQueueTest, SyncWaitsForTheMainThreadOrRunsInlineOnItAndOnlyTheMainThreadPumps) {
     std::atomic<bool> done{false};
     int result = 0;
     bool threwOnWorker = false;
@@ -80,9 +78,8 @@ TEST(MainQueueTest, SyncFromWorkerWaitsForTheMainThreadAndOnlyTheMainThreadPumps
     EXPECT_EQ(result, 42);
     EXPECT_TRUE(threwOnWorker);
     EXPECT_TRUE(qn::MainQueue::isMainThread());
-}
 
-TEST(MainQueueTest, SyncOnTheMainThreadRunsInlineAheadOfPendingWork) {
+    // On the main thread: inline, ahead of pending work.
     std::vector<int> order;
     qn::MainQueue::async([&] { order.push_back(1); });
     qn::MainQueue::sync([&] { order.push_back(0); });
@@ -109,7 +106,7 @@ TEST(MainQueueTest, DescriptorIsReadableExactlyWhileWorkIsPending) {
     EXPECT_FALSE(descriptorReadable());
 }
 
-TEST(MainQueueTest, RunReturnsOnStopAndExceptionsLeaveThePumpButNotTheQueue) {
+TEST(MainQueueTest, RunReturnsOnStopRunUntilOnItsPredicateAndExceptionsLeaveOnlyThePump) {
     std::thread stopper([] { qn::MainQueue::async([] { qn::MainQueue::stop(); }); });
     qn::MainQueue::run();
     stopper.join();
@@ -125,9 +122,7 @@ TEST(MainQueueTest, RunReturnsOnStopAndExceptionsLeaveThePumpButNotTheQueue) {
     EXPECT_FALSE(secondRan);
     qn::MainQueue::drain();
     EXPECT_TRUE(secondRan);
-}
 
-TEST(MainQueueTest, RunUntilWatchesStateChangedByOtherThreadsAndTimesOut) {
     std::atomic<bool> flag{false};
     std::thread setter([&] {
         std::this_thread::sleep_for(20ms);

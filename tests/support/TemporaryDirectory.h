@@ -22,6 +22,12 @@
 
 namespace qn::test {
 
+/// The contents of the file at `path` ("" when it cannot be read).
+inline std::string readFile(const std::string& path) {
+    std::ifstream stream(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(stream), {});
+}
+
 class TemporaryDirectory {
 public:
     /// `parent` must exist; /dev/shm gives a directory on another file system than /tmp.
@@ -76,10 +82,7 @@ public:
         return link;
     }
     /// The contents of the file `relative` ("" when it cannot be read).
-    std::string read(std::string_view relative) const {
-        std::ifstream stream(pathOf(relative), std::ios::binary);
-        return std::string(std::istreambuf_iterator<char>(stream), {});
-    }
+    std::string read(std::string_view relative) const { return readFile(pathOf(relative)); }
     /// Whether something (also a dangling link) is at `relative`.
     bool exists(std::string_view relative) const {
         struct stat status {};

@@ -25,38 +25,35 @@ protected:
     qn::test::TemporaryDirectory dir;
 };
 
-TEST_F(PackagesTest, APackageIsAnExistingDirectoryWithAPackageExtension) {
-    EXPECT_TRUE(QNIsPackageFilePath(at("Report.Pages")));  // extension in any case
-    EXPECT_TRUE(QNIsPackageFilePath(at("Report.Pages") + "/"));
-    EXPECT_TRUE(QNIsPackageFilePath(at("Link.pages")));  // follows the link
+TEST_F(PackagesTest, APackageIsAnExistingDirectoryWithAnExtensionTheHostMayReplace) {
+    // Path, whether a package, whether a package or a file.
+    for (const auto& [path, package, packageOrFile] : {
+             std::tuple{at("Report.Pages"), true, true},  // extension in any case
+             {at("Report.Pages") + "/", true, true},
+             {at("Link.pages"), true, true},   // follows the link
+             {at("Flat.pages"), false, true},  // a file is not a package
+             {at("notes.txt"), false, true},
+             {at("Archive.zip"), false, false},
+             {at("Folder"), false, false},
+             {at("Missing.pages"), false, false},
+             {std::string(), false, false},
+         }) {
+        EXPECT_EQ(QNIsPackageFilePath(path), package) << path;
+        EXPECT_EQ(QNIsPackageOrFilePath(path), packageOrFile) << path;
+    }
     EXPECT_TRUE(QNIsPackageFileURL(qn::URL::fileURLWithPath(at("Report.Pages"))));
-    EXPECT_FALSE(QNIsPackageFilePath(at("Flat.pages")));  // a file is not a package
-    EXPECT_FALSE(QNIsPackageFilePath(at("Archive.zip")));
-    EXPECT_FALSE(QNIsPackageFilePath(at("Folder")));
-    EXPECT_FALSE(QNIsPackageFilePath(at("Missing.pages")));
-    EXPECT_FALSE(QNIsPackageFilePath(""));
 
-    EXPECT_TRUE(QNIsPackageOrFilePath(at("Report.Pages")));
-    EXPECT_TRUE(QNIsPackageOrFilePath(at("notes.txt")));
-    EXPECT_FALSE(QNIsPackageOrFilePath(at("Folder")));
-    EXPECT_FALSE(QNIsPackageOrFilePath(at("Missing.pages")));
-    EXPECT_FALSE(QNIsPackageOrFilePath(""));
-}
-
-TEST_F(PackagesTest, TheHostCanReplaceTheExtensions) {
     EXPECT_TRUE(QNIsPackageFileExtension("RTFD"));
     EXPECT_FALSE(QNIsPackageFileExtension(""));
     qn::setPackageFileExtensions({".ZIP", ""});
     EXPECT_TRUE(QNIsPackageFilePath(at("Archive.zip")));
     EXPECT_FALSE(QNIsPackageFilePath(at("Report.Pages")));
     EXPECT_FALSE(QNIsPackageFileExtension(""));
-    qn::setPackageFileExtensions(qn::defaultPackageFileExtensions());
-    EXPECT_TRUE(QNIsPackageFilePath(at("Report.Pages")));
 }
 
 TEST_F(PackagesTest, ReadersRunWhileTheSetIsReplaced) {
     std::atomic<bool> stop{false};
-    std::vector<std::thread> readers;
+    std::vector<std::jthread> readers;
     for (int i = 0; i < 3; ++i) {
         readers.emplace_back([&] {
             while (!stop.load()) {
@@ -69,9 +66,7 @@ TEST_F(PackagesTest, ReadersRunWhileTheSetIsReplaced) {
                                            : std::unordered_set<std::string>{"zip"});
     }
     stop = true;
-    for (std::thread& reader : readers) {
-        reader.join();
-    }
+    readers.clear();  // joins them
     // The last replacement (the defaults) is the one in force.
     EXPECT_TRUE(QNIsPackageFileExtension("pages"));
     EXPECT_FALSE(QNIsPackageFileExtension("zip"));
