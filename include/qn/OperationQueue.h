@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,10 @@ namespace qn {
 ///
 /// Every member may be called from any thread. A queue stays alive while it has operations to
 /// run, even when its owner has let go of it.
+///
+/// A worker that finishes an operation goes on with the queue's next one itself when the limit
+/// allows and the two share a quality of service, up to 64 in a row, before handing the queue
+/// back to the pool so that other queues get their turn.
 ///
 /// Locking: `mutex_` guards the waiting and running lists and the counts; it is taken before an
 /// operation's own lock and before the worker pool's lock, and is never held while an operation
@@ -71,8 +76,18 @@ public:
     OperationQueue(Private, std::string name, int maxConcurrentOperationCount);
 
 private:
+    bool canStartLocked() const;
+    // Moves the first waiting operation to the running ones and returns it.
+    std::shared_ptr<Operation> takeWaitingLocked();
     void startWaitingLocked();
-    void runOperation(std::shared_ptr<Operation> operation);
+    // A pool task: runs `operation`, then the queue's next ones while `endOperation` hands
+    // them over.
+    void runOperations(std::shared_ptr<Operation> operation, QualityOfService qos);
+    // Lets go of `operation`, which has run, and returns the first waiting operation when there
+    // is room for it and it has quality of service `nextQos`, for the calling task to run next;
+    // otherwise null, the waiting operations having gone to the pool.
+    std::shared_ptr<Operation> endOperation(std::shared_ptr<Operation> operation,
+                                            std::optional<QualityOfService> nextQos) noexcept;
     void operationEnded(std::size_t count);
     int limitLocked() const;
 

@@ -326,6 +326,21 @@ private:
 
     // Where `url` lies, in any of its spellings; nullopt outside the containers.
     std::optional<simulated::ItemLocation> locate(const URL& url) const;
+    // As `locate`, but throws for a URL outside the containers, naming `member` of the test API.
+    simulated::ItemLocation locateInContainers(const char* member, const URL& url) const;
+    // Where the item at `location` has (or would get) its local copy. Takes `mutex_`.
+    std::string localPathOf(const simulated::ItemLocation& location,
+                            const std::string& drive) const;
+    // Runs `change(CloudState&)` under `mutex_`, then schedules the automatic deliveries of the
+    // batches it queued, unlocked.
+    template <typename Change>
+    void changeState(Change&& change);
+    // Whether a read answers only while an account is signed in, as the service members do.
+    enum class AccountNeeded : bool { No, Yes };
+    // What `read(const ItemRecord&)` returns for the item `url` names, under `mutex_`; nullopt
+    // when there is no such item, or no account when one is needed.
+    template <typename Read>
+    auto readItem(const URL& url, AccountNeeded accountNeeded, Read&& read) const;
     std::size_t deliver(std::size_t batchesPerFeed);
     void runAutomaticDelivery(std::uint64_t feedId);
     // Hands the feeds that need an automatic delivery to the dispatch queue; call unlocked.

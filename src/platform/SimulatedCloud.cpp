@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <system_error>
 #include <thread>
+#include <type_traits>
 #include <utility>
 
 #include "FileErrors.h"
@@ -64,33 +65,43 @@ std::string archivedToken(std::string_view account) {
     return archived;
 }
 
-std::string localPathOf(const CloudState& state, const std::string& drive,
-                        const ItemLocation& location) {
-    const auto known = state.items.find(location.itemKey);
-    if (known != state.items.end()) {
-        return CloudState::localPath(drive, known->second);
-    }
-    ItemRecord fresh;
-    fresh.folder = location.folder;
-    fresh.relativePath = location.relativePath;
-    return CloudState::localPath(drive, fresh);
+// A record for an item first named at `location`, of which nothing is known yet.
+ItemRecord newRecord(const ItemLocation& location) {
+    ItemRecord record;
+    record.folder = location.folder;
+    record.relativePath = location.relativePath;
+    return record;
+}
+
+// The record of the item at `location`, or null when the cloud has none.
+ItemRecord* findItem(CloudState& state, const ItemLocation& location) {
+    const auto it = state.items.find(location.itemKey);
+    return it == state.items.end() ? nullptr : &it->second;
 }
 
 ItemRecord& recordFor(CloudState& state, const ItemLocation& location) {
     state.containers.remember(location.folder);
-    ItemRecord fresh;
-    fresh.folder = location.folder;
-    fresh.relativePath = location.relativePath;
-    return state.items.try_emplace(location.itemKey, std::move(fresh)).first->second;
+    return state.items.try_emplace(location.itemKey, newRecord(location)).first->second;
+}
+
+// Puts the cloud's copy of the item on the disk at `path`; 0 or the errno of the failure.
+int writeContents(const std::string& path, const SimulatedItemState& state) {
+    return simulated::writeLocalCopy(path, state.isDirectory, state.contents,
+                                     state.contentChangeDate);
+}
+
+// The newest contents are on the disk and nothing is downloading.
+void markCurrent(SimulatedItemState& state) {
+    state.downloadingStatus = SimulatedDownloadingStatus::Current;
+    state.downloading = false;
+    state.percentDownloaded = 100.0;
 }
 
 void applyLocalCopy(SimulatedLocalCopy localCopy, const std::string& path,
                     const SimulatedItemState& state) {
     const bool follow = localCopy == SimulatedLocalCopy::FollowStatus;
     if (localCopy == SimulatedLocalCopy::Write || (follow && state.isDownloaded())) {
-        throwIfFailed(simulated::writeLocalCopy(path, state.isDirectory, state.contents,
-                                                state.contentChangeDate),
-                      "cannot write " + path);
+        throwIfFailed(writeContents(path, state), "cannot write " + path);
     } else if (localCopy == SimulatedLocalCopy::Remove || follow) {
         throwIfFailed(simulated::removeLocalCopy(path), "cannot remove " + path);
     }
@@ -109,24 +120,18 @@ ItemRecord* serviceItem(CloudState& state, const std::optional<ItemLocation>& lo
                                    "The item does not lie inside a cloud container."));
         return nullptr;
     }
-    const auto it = state.items.find(location->itemKey);
-    if (it == state.items.end()) {
+    ItemRecord* record = findItem(state, *location);
+    if (record == nullptr) {
         setError(error, cloudError(NSFileReadNoSuchFileError, url, "The cloud has no item there."));
-        return nullptr;
     }
-    return &it->second;
+    return record;
 }
 
-void completeDownload(CloudState& state, const std::string& drive, const std::string& itemKey) {
-    const auto it = state.items.find(itemKey);
-    if (it == state.items.end()) {
-        return;
+void completeDownload(CloudState& state, const std::string& drive, const ItemLocation& location) {
+    if (ItemRecord* record = findItem(state, location)) {
+        markCurrent(record->state);
+        state.reportChange(drive, *record);
     }
-    SimulatedItemState& item = it->second.state;
-    item.downloadingStatus = SimulatedDownloadingStatus::Current;
-    item.downloading = false;
-    item.percentDownloaded = 100.0;
-    state.reportChange(drive, it->second);
 }
 
 void updateConflictFlag(CloudState& state, const std::string& drive, ItemRecord& record) {
@@ -145,9 +150,25 @@ std::vector<FileVersionRecord>::iterator findVersion(ItemRecord& record,
                         [&](const FileVersionRecord& v) { return v.identifier == identifier; });
 }
 
-Error noSuchVersion(const URL& url, std::string_view identifier) {
-    return cloudError(NSFileReadNoSuchFileError, url,
-                      fmt::format("The item has no version \"{}\".", identifier));
+// The version of `record` a service call names, or null with the error the service reports.
+// `record` may be null: the item's own lookup failed and reported why.
+FileVersionRecord* serviceVersion(ItemRecord* record, const URL& url, std::string_view identifier,
+                                  Error* error) {
+    if (record == nullptr) {
+        return nullptr;
+    }
+    const auto version = findVersion(*record, identifier);
+    if (version == record->versions.end()) {
+        setError(error, cloudError(NSFileReadNoSuchFileError, url,
+                                   fmt::format("The item has no version \"{}\".", identifier)));
+        return nullptr;
+    }
+    return &*version;
+}
+
+// Each version's contents live in a directory of their own.
+std::string versionDirectory(const FileVersionRecord& version) {
+    return stringByDeletingLastPathComponent(version.url.path());
 }
 
 // Delivers the batch at the front of `feed`'s queue, releasing `lock` (held on entry and on
@@ -251,6 +272,45 @@ std::optional<ItemLocation> SimulatedCloud::locate(const URL& url) const {
     }
     std::lock_guard lock(mutex_);
     return state_->containers.locate(resolvedPath, resolvedDrive);
+}
+
+ItemLocation SimulatedCloud::locateInContainers(const char* member, const URL& url) const {
+    auto location = locate(url);
+    if (!location) {
+        throw outsideContainers(member, url);
+    }
+    return std::move(*location);
+}
+
+std::string SimulatedCloud::localPathOf(const ItemLocation& location,
+                                        const std::string& drive) const {
+    std::lock_guard lock(mutex_);
+    const ItemRecord* known = findItem(*state_, location);
+    return CloudState::localPath(drive, known != nullptr ? *known : newRecord(location));
+}
+
+template <typename Change>
+void SimulatedCloud::changeState(Change&& change) {
+    {
+        std::lock_guard lock(mutex_);
+        change(*state_);
+    }
+    scheduleAutomaticDeliveries();
+}
+
+template <typename Read>
+auto SimulatedCloud::readItem(const URL& url, AccountNeeded accountNeeded, Read&& read) const {
+    using Result = std::optional<std::decay_t<std::invoke_result_t<Read&, const ItemRecord&>>>;
+    const auto location = locate(url);
+    if (!location) {
+        return Result();
+    }
+    std::lock_guard lock(mutex_);
+    const ItemRecord* record = findItem(*state_, *location);
+    if (record == nullptr || (accountNeeded == AccountNeeded::Yes && !state_->account)) {
+        return Result();
+    }
+    return Result(read(*record));
 }
 
 void SimulatedCloud::postLater(const char* name, bool withSender) {
@@ -373,24 +433,14 @@ std::optional<URL> SimulatedCloud::containerURL(std::string_view containerIdenti
 void SimulatedCloud::setItem(const URL& url, SimulatedItemState state,
                              SimulatedLocalCopy localCopy) {
     std::lock_guard operation(operationMutex_);
-    const auto location = locate(url);
-    if (!location) {
-        throw outsideContainers("setItem", url);
-    }
+    const ItemLocation location = locateInContainers("setItem", url);
     const std::string drive = ubiquityDriveDirectory();
-    std::string path;
-    {
-        std::lock_guard lock(mutex_);
-        path = localPathOf(*state_, drive, *location);
-    }
-    applyLocalCopy(localCopy, path, state);
-    {
-        std::lock_guard lock(mutex_);
-        ItemRecord& record = recordFor(*state_, *location);
+    applyLocalCopy(localCopy, localPathOf(location, drive), state);
+    changeState([&](CloudState& cloud) {
+        ItemRecord& record = recordFor(cloud, location);
         record.state = std::move(state);
-        state_->reportChange(drive, record);
-    }
-    scheduleAutomaticDeliveries();
+        cloud.reportChange(drive, record);
+    });
 }
 
 bool SimulatedCloud::updateItem(const URL& url,
@@ -402,23 +452,23 @@ bool SimulatedCloud::updateItem(const URL& url,
     SimulatedItemState state;
     {
         std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (it == state_->items.end()) {
+        const ItemRecord* record = findItem(*state_, *location);
+        if (record == nullptr) {
             return false;
         }
-        state = it->second.state;
+        state = record->state;
     }
     change(state);
     const std::string drive = ubiquityDriveDirectory();
     {
         std::lock_guard operation(operationMutex_);
         std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (it == state_->items.end()) {
+        ItemRecord* record = findItem(*state_, *location);
+        if (record == nullptr) {
             return false;
         }
-        it->second.state = std::move(state);
-        state_->reportChange(drive, it->second);
+        record->state = std::move(state);
+        state_->reportChange(drive, *record);
     }
     scheduleAutomaticDeliveries();
     return true;
@@ -426,22 +476,14 @@ bool SimulatedCloud::updateItem(const URL& url,
 
 void SimulatedCloud::uploadLocalItem(const URL& url) {
     std::lock_guard operation(operationMutex_);
-    const auto location = locate(url);
-    if (!location) {
-        throw outsideContainers("uploadLocalItem", url);
-    }
+    const ItemLocation location = locateInContainers("uploadLocalItem", url);
     const std::string drive = ubiquityDriveDirectory();
-    std::string path;
-    {
-        std::lock_guard lock(mutex_);
-        path = localPathOf(*state_, drive, *location);
-    }
+    const std::string path = localPathOf(location, drive);
     simulated::LocalItem local;
     throwIfFailed(simulated::readLocalCopy(path, &local), "cannot read " + path);
-    {
-        std::lock_guard lock(mutex_);
-        const bool added = !state_->items.contains(location->itemKey);
-        ItemRecord& record = recordFor(*state_, *location);
+    changeState([&](CloudState& cloud) {
+        const bool added = !cloud.items.contains(location.itemKey);
+        ItemRecord& record = recordFor(cloud, location);
         SimulatedItemState& state = record.state;
         if (added) {
             state.creationDate = local.modificationDate;
@@ -450,15 +492,12 @@ void SimulatedCloud::uploadLocalItem(const URL& url) {
         state.contents = std::move(local.contents);
         state.size.reset();
         state.contentChangeDate = local.modificationDate;
-        state.downloadingStatus = SimulatedDownloadingStatus::Current;
-        state.downloading = false;
-        state.percentDownloaded = 100.0;
+        markCurrent(state);
         state.uploaded = true;
         state.uploading = false;
         state.percentUploaded = 100.0;
-        state_->reportChange(drive, record);
-    }
-    scheduleAutomaticDeliveries();
+        cloud.reportChange(drive, record);
+    });
 }
 
 bool SimulatedCloud::removeItem(const URL& url, SimulatedLocalCopy localCopy) {
@@ -475,13 +514,13 @@ bool SimulatedCloud::removeItem(const URL& url, SimulatedLocalCopy localCopy) {
     std::vector<std::string> versionDirectories;
     {
         std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (it == state_->items.end()) {
+        const ItemRecord* record = findItem(*state_, *location);
+        if (record == nullptr) {
             return false;
         }
-        path = CloudState::localPath(drive, it->second);
-        for (const FileVersionRecord& version : it->second.versions) {
-            versionDirectories.push_back(stringByDeletingLastPathComponent(version.url.path()));
+        path = CloudState::localPath(drive, *record);
+        for (const FileVersionRecord& version : record->versions) {
+            versionDirectories.push_back(versionDirectory(version));
         }
     }
     if (localCopy != SimulatedLocalCopy::Keep) {
@@ -490,42 +529,23 @@ bool SimulatedCloud::removeItem(const URL& url, SimulatedLocalCopy localCopy) {
     for (const std::string& directory : versionDirectories) {
         simulated::removeLocalCopy(directory);
     }
-    {
-        std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        state_->reportRemoval(it->second);
-        state_->items.erase(it);
-    }
-    scheduleAutomaticDeliveries();
+    changeState([&](CloudState& cloud) {
+        const auto it = cloud.items.find(location->itemKey);
+        cloud.reportRemoval(it->second);
+        cloud.items.erase(it);
+    });
     return true;
 }
 
 std::optional<SimulatedItemState> SimulatedCloud::item(const URL& url) const {
-    const auto location = locate(url);
-    if (!location) {
-        return std::nullopt;
-    }
-    std::lock_guard lock(mutex_);
-    const auto it = state_->items.find(location->itemKey);
-    if (it == state_->items.end()) {
-        return std::nullopt;
-    }
-    return it->second.state;
+    return readItem(url, AccountNeeded::No, [](const ItemRecord& record) { return record.state; });
 }
 
 std::optional<URL> SimulatedCloud::localURL(const URL& url) const {
-    const auto location = locate(url);
-    if (!location) {
-        return std::nullopt;
-    }
     const std::string drive = ubiquityDriveDirectory();
-    std::lock_guard lock(mutex_);
-    const auto it = state_->items.find(location->itemKey);
-    if (it == state_->items.end()) {
-        return std::nullopt;
-    }
-    return URL::fileURLWithPath(CloudState::localPath(drive, it->second),
-                                it->second.state.isDirectory);
+    return readItem(url, AccountNeeded::No, [&](const ItemRecord& record) {
+        return URL::fileURLWithPath(CloudState::localPath(drive, record), record.state.isDirectory);
+    });
 }
 
 // Metadata feeds.
@@ -549,13 +569,12 @@ std::uint64_t SimulatedCloud::startMetadataFeed(const std::vector<std::string>& 
     feed->observer = std::move(observer);
     const std::string drive = ubiquityDriveDirectory();
     std::uint64_t id = 0;
-    {
-        std::lock_guard lock(mutex_);
-        id = ++state_->lastFeedId;
+    changeState([&](CloudState& cloud) {
+        id = ++cloud.lastFeedId;
         feed->id = id;
-        feed->hearsChanges = state_->account.has_value();
+        feed->hearsChanges = cloud.account.has_value();
         std::vector<std::shared_ptr<const MetadataItem>> gathered;
-        for (const auto& [key, record] : state_->items) {
+        for (const auto& [key, record] : cloud.items) {
             if (feed->covers(simulated::isInDocumentsScope(record.relativePath))) {
                 gathered.push_back(
                     simulated::makeReport(CloudState::localPath(drive, record), record.state));
@@ -563,11 +582,10 @@ std::uint64_t SimulatedCloud::startMetadataFeed(const std::vector<std::string>& 
         }
         std::stable_sort(gathered.begin(), gathered.end(),
                          [](const auto& a, const auto& b) { return a->path() < b->path(); });
-        feed->queueGathering(std::move(gathered), state_->gatheringBatchSize);
-        state_->feeds.emplace(id, feed);
-        state_->queued(*feed);
-    }
-    scheduleAutomaticDeliveries();
+        feed->queueGathering(std::move(gathered), cloud.gatheringBatchSize);
+        cloud.feeds.emplace(id, feed);
+        cloud.queued(*feed);
+    });
     return id;
 }
 
@@ -652,18 +670,16 @@ std::size_t SimulatedCloud::runningFeedCount() const {
 }
 
 void SimulatedCloud::setAutomaticDelivery(bool automatic) {
-    {
-        std::lock_guard lock(mutex_);
-        state_->automaticDelivery = automatic;
+    changeState([&](CloudState& cloud) {
+        cloud.automaticDelivery = automatic;
         if (automatic) {
-            for (const auto& [id, feed] : state_->feeds) {
+            for (const auto& [id, feed] : cloud.feeds) {
                 if (!feed->pending.empty()) {
-                    state_->queued(*feed);
+                    cloud.queued(*feed);
                 }
             }
         }
-    }
-    scheduleAutomaticDeliveries();
+    });
 }
 
 void SimulatedCloud::scheduleAutomaticDeliveries() {
@@ -720,15 +736,12 @@ void SimulatedCloud::setDefaultDownloadBehavior(SimulatedDownloadBehavior behavi
 
 void SimulatedCloud::setDownloadBehavior(const URL& url,
                                          std::optional<SimulatedDownloadBehavior> behavior) {
-    const auto location = locate(url);
-    if (!location) {
-        throw outsideContainers("setDownloadBehavior", url);
-    }
+    const ItemLocation location = locateInContainers("setDownloadBehavior", url);
     std::lock_guard lock(mutex_);
     if (behavior) {
-        state_->downloadBehaviors.insert_or_assign(location->itemKey, std::move(*behavior));
+        state_->downloadBehaviors.insert_or_assign(location.itemKey, std::move(*behavior));
     } else {
-        state_->downloadBehaviors.erase(location->itemKey);
+        state_->downloadBehaviors.erase(location.itemKey);
     }
 }
 
@@ -775,14 +788,12 @@ bool SimulatedCloud::startDownloading(const URL& url, Error* error) {
         }
     }
     if (!path.empty()) {
-        if (const int result = simulated::writeLocalCopy(
-                path, snapshot.isDirectory, snapshot.contents, snapshot.contentChangeDate);
-            result != 0) {
+        if (const int result = writeContents(path, snapshot); result != 0) {
             setError(error, fileError(result, FileAccess::Writing, path, &url));
             return false;
         }
         std::lock_guard lock(mutex_);
-        completeDownload(*state_, drive, location->itemKey);
+        completeDownload(*state_, drive, *location);
     }
     scheduleAutomaticDeliveries();
     return true;
@@ -790,39 +801,34 @@ bool SimulatedCloud::startDownloading(const URL& url, Error* error) {
 
 void SimulatedCloud::advanceDownload(const URL& url, double percent) {
     std::lock_guard operation(operationMutex_);
-    const auto location = locate(url);
-    if (!location) {
-        throw outsideContainers("advanceDownload", url);
-    }
+    const ItemLocation location = locateInContainers("advanceDownload", url);
     percent = std::isnan(percent) ? 0.0 : std::clamp(percent, 0.0, 100.0);
     const std::string drive = ubiquityDriveDirectory();
     std::string path;
     SimulatedItemState snapshot;
     {
         std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (it == state_->items.end()) {
+        ItemRecord* record = findItem(*state_, location);
+        if (record == nullptr) {
             throw std::logic_error(
                 fmt::format("SimulatedCloud::advanceDownload: no item at {}", url.path()));
         }
-        if (!it->second.state.downloading) {
+        if (!record->state.downloading) {
             throw std::logic_error(
                 fmt::format("SimulatedCloud::advanceDownload: {} is not downloading", url.path()));
         }
         if (percent < 100.0) {
-            it->second.state.percentDownloaded = percent;
-            state_->reportChange(drive, it->second);
+            record->state.percentDownloaded = percent;
+            state_->reportChange(drive, *record);
         } else {
-            path = CloudState::localPath(drive, it->second);
-            snapshot = it->second.state;
+            path = CloudState::localPath(drive, *record);
+            snapshot = record->state;
         }
     }
     if (!path.empty()) {
-        throwIfFailed(simulated::writeLocalCopy(path, snapshot.isDirectory, snapshot.contents,
-                                                snapshot.contentChangeDate),
-                      "cannot write " + path);
+        throwIfFailed(writeContents(path, snapshot), "cannot write " + path);
         std::lock_guard lock(mutex_);
-        completeDownload(*state_, drive, location->itemKey);
+        completeDownload(*state_, drive, location);
     }
     scheduleAutomaticDeliveries();
 }
@@ -834,7 +840,7 @@ bool SimulatedCloud::evict(const URL& url, Error* error) {
     std::string path;
     {
         std::lock_guard lock(mutex_);
-        ItemRecord* record = serviceItem(*state_, location, url, error);
+        const ItemRecord* record = serviceItem(*state_, location, url, error);
         if (record == nullptr) {
             return false;
         }
@@ -849,18 +855,14 @@ bool SimulatedCloud::evict(const URL& url, Error* error) {
         setError(error, fileError(result, FileAccess::Writing, path, &url));
         return false;
     }
-    {
-        std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (it != state_->items.end()) {
-            SimulatedItemState& state = it->second.state;
-            state.downloadingStatus = SimulatedDownloadingStatus::NotDownloaded;
-            state.downloading = false;
-            state.percentDownloaded = 0.0;
-            state_->reportChange(drive, it->second);
+    changeState([&](CloudState& cloud) {
+        if (ItemRecord* record = findItem(cloud, *location)) {
+            record->state.downloadingStatus = SimulatedDownloadingStatus::NotDownloaded;
+            record->state.downloading = false;
+            record->state.percentDownloaded = 0.0;
+            cloud.reportChange(drive, *record);
         }
-    }
-    scheduleAutomaticDeliveries();
+    });
     return true;
 }
 
@@ -870,23 +872,16 @@ std::optional<Value> SimulatedCloud::resourceValue(const URL& url, std::string_v
         key != NSURLUbiquitousItemDownloadingStatusKey) {
         return std::nullopt;
     }
-    const auto location = locate(url);
-    if (!location) {
-        return std::nullopt;
-    }
-    std::lock_guard lock(mutex_);
-    const auto it = state_->items.find(location->itemKey);
-    if (!state_->account || it == state_->items.end()) {
-        return std::nullopt;
-    }
-    const SimulatedItemState& state = it->second.state;
-    if (key == NSURLUbiquitousItemIsUploadedKey) {
-        return Value(state.uploaded);
-    }
-    if (key == NSURLUbiquitousItemIsDownloadedKey) {
-        return Value(state.isDownloaded());
-    }
-    return Value(simulated::downloadingStatusName(state.downloadingStatus));
+    return readItem(url, AccountNeeded::Yes, [&](const ItemRecord& record) {
+        const SimulatedItemState& state = record.state;
+        if (key == NSURLUbiquitousItemIsUploadedKey) {
+            return Value(state.uploaded);
+        }
+        if (key == NSURLUbiquitousItemIsDownloadedKey) {
+            return Value(state.isDownloaded());
+        }
+        return Value(simulated::downloadingStatusName(state.downloadingStatus));
+    });
 }
 
 // Versions.
@@ -907,23 +902,21 @@ FileVersionRecord SimulatedCloud::addVersion(const URL& url, std::string content
                                              Date modificationDate, std::string savingComputer,
                                              bool isConflict) {
     std::lock_guard operation(operationMutex_);
-    const auto location = locate(url);
-    if (!location) {
-        throw outsideContainers(isConflict ? "addConflictVersion" : "addOlderVersion", url);
-    }
+    const ItemLocation location =
+        locateInContainers(isConflict ? "addConflictVersion" : "addOlderVersion", url);
     const std::string drive = ubiquityDriveDirectory();
     std::string directory;
     std::string fileName;
     std::string identifier;
     {
         std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (it == state_->items.end()) {
+        const ItemRecord* record = findItem(*state_, location);
+        if (record == nullptr) {
             throw std::invalid_argument(
                 fmt::format("SimulatedCloud: no item at {} to add a version to", url.path()));
         }
         identifier = std::to_string(++state_->lastVersionId);
-        fileName = lastPathComponent(it->second.relativePath);
+        fileName = lastPathComponent(record->relativePath);
         directory = state_->versionsDirectory;
     }
     if (directory.empty()) {
@@ -941,30 +934,18 @@ FileVersionRecord SimulatedCloud::addVersion(const URL& url, std::string content
     FileVersionRecord version{identifier,       URL::fileURLWithPath(path, false),
                               modificationDate, std::move(savingComputer),
                               isConflict,       false};
-    {
-        std::lock_guard lock(mutex_);
-        ItemRecord& record = state_->items.find(location->itemKey)->second;
+    changeState([&](CloudState& cloud) {
+        ItemRecord& record = *findItem(cloud, location);
         record.versions.push_back(version);
-        updateConflictFlag(*state_, drive, record);
-    }
-    scheduleAutomaticDeliveries();
+        updateConflictFlag(cloud, drive, record);
+    });
     return version;
 }
 
 std::vector<FileVersionRecord> SimulatedCloud::otherVersionsOfItem(const URL& url) {
-    const auto location = locate(url);
-    if (!location) {
-        return {};
-    }
-    std::vector<FileVersionRecord> versions;
-    {
-        std::lock_guard lock(mutex_);
-        const auto it = state_->items.find(location->itemKey);
-        if (!state_->account || it == state_->items.end()) {
-            return {};
-        }
-        versions = it->second.versions;
-    }
+    const auto copy = [](const ItemRecord& record) { return record.versions; };
+    auto versions =
+        readItem(url, AccountNeeded::Yes, copy).value_or(std::vector<FileVersionRecord>());
     std::stable_sort(versions.begin(), versions.end(), [](const auto& a, const auto& b) {
         return a.modificationDate < b.modificationDate;
     });
@@ -979,12 +960,8 @@ bool SimulatedCloud::setVersionResolved(const URL& url, std::string_view version
     {
         std::lock_guard lock(mutex_);
         ItemRecord* record = serviceItem(*state_, location, url, error);
-        if (record == nullptr) {
-            return false;
-        }
-        const auto version = findVersion(*record, versionIdentifier);
-        if (version == record->versions.end()) {
-            setError(error, noSuchVersion(url, versionIdentifier));
+        FileVersionRecord* version = serviceVersion(record, url, versionIdentifier, error);
+        if (version == nullptr) {
             return false;
         }
         version->isResolved = resolved;
@@ -1002,29 +979,23 @@ bool SimulatedCloud::removeVersion(const URL& url, std::string_view versionIdent
     std::string directory;
     {
         std::lock_guard lock(mutex_);
-        ItemRecord* record = serviceItem(*state_, location, url, error);
-        if (record == nullptr) {
+        const FileVersionRecord* version = serviceVersion(
+            serviceItem(*state_, location, url, error), url, versionIdentifier, error);
+        if (version == nullptr) {
             return false;
         }
-        const auto version = findVersion(*record, versionIdentifier);
-        if (version == record->versions.end()) {
-            setError(error, noSuchVersion(url, versionIdentifier));
-            return false;
-        }
-        directory = stringByDeletingLastPathComponent(version->url.path());
+        directory = versionDirectory(*version);
     }
     if (const int result = simulated::removeLocalCopy(directory); result != 0) {
         Logger::named("iCloud").warn("The simulated cloud cannot remove the version at {}: {}",
                                      directory, std::generic_category().message(result));
     }
-    {
-        std::lock_guard lock(mutex_);
+    changeState([&](CloudState& cloud) {
         // Still there: only callers holding the operation lock remove items and versions.
-        ItemRecord& record = state_->items.find(location->itemKey)->second;
+        ItemRecord& record = *findItem(cloud, *location);
         record.versions.erase(findVersion(record, versionIdentifier));
-        updateConflictFlag(*state_, drive, record);
-    }
-    scheduleAutomaticDeliveries();
+        updateConflictFlag(cloud, drive, record);
+    });
     return true;
 }
 

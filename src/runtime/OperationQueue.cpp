@@ -13,6 +13,10 @@ namespace {
 // another one inline).
 thread_local std::vector<OperationQueue*> tRunningQueues;
 
+// How many operations one pool task runs in a row before it hands the queue back to the pool, so
+// that a busy queue lets the tasks waiting in the pool have their turn.
+constexpr int kOperationsPerTask = 64;
+
 int normalisedLimit(int count) {
     return count == OperationQueue::kDefaultMaxConcurrentOperationCount ? count
                                                                         : std::max(count, 1);
@@ -73,16 +77,25 @@ std::shared_ptr<BlockOperation> OperationQueue::addOperationWithBlock(std::funct
     return operation;
 }
 
+bool OperationQueue::canStartLocked() const {
+    return !waiting_.empty() && static_cast<int>(running_.size()) < limitLocked();
+}
+
+std::shared_ptr<Operation> OperationQueue::takeWaitingLocked() {
+    auto operation = std::move(waiting_.front());
+    waiting_.pop_front();
+    running_.push_back(operation);
+    return operation;
+}
+
 void OperationQueue::startWaitingLocked() {
-    while (!waiting_.empty() && static_cast<int>(running_.size()) < limitLocked()) {
-        auto operation = std::move(waiting_.front());
-        waiting_.pop_front();
-        running_.push_back(operation);
+    while (canStartLocked()) {
+        auto operation = takeWaitingLocked();
         const auto qos = operation->qualityOfService();
         auto self = std::static_pointer_cast<OperationQueue>(shared_from_this());
         try {
-            ThreadPool::shared().submit(qos, [self = std::move(self), operation]() mutable {
-                self->runOperation(std::move(operation));
+            ThreadPool::shared().submit(qos, [self = std::move(self), operation, qos]() mutable {
+                self->runOperations(std::move(operation), qos);
             });
         } catch (...) {
             // No worker could be started: the operation waits for the next chance.
@@ -93,30 +106,43 @@ void OperationQueue::startWaitingLocked() {
     }
 }
 
-void OperationQueue::runOperation(std::shared_ptr<Operation> operation) {
-    struct Done {
-        OperationQueue* queue;
-        std::shared_ptr<Operation>& operation;
-        ~Done() {
-            tRunningQueues.pop_back();
-            std::shared_ptr<Operation> entry;
-            {
-                std::lock_guard lock(queue->mutex_);
-                auto found = std::find(queue->running_.begin(), queue->running_.end(), operation);
-                entry = std::move(*found);
-                queue->running_.erase(found);
-                queue->startWaitingLocked();
-            }
-            // Released outside the lock, and before waiters are told: whoever waits for the queue
-            // may rely on the queue holding no operation any more.
-            entry.reset();
-            operation.reset();
-            queue->operationEnded(1);
+void OperationQueue::runOperations(std::shared_ptr<Operation> operation, QualityOfService qos) {
+    for (int ran = 1; operation; ++ran) {
+        tRunningQueues.push_back(this);
+        try {
+            operation->run();
+        } catch (...) {
+            endOperation(std::move(operation), std::nullopt);
+            throw;
         }
-    };
-    tRunningQueues.push_back(this);
-    Done done{this, operation};
-    operation->run();
+        operation = endOperation(std::move(operation),
+                                 ran < kOperationsPerTask ? std::optional(qos) : std::nullopt);
+    }
+}
+
+std::shared_ptr<Operation> OperationQueue::endOperation(
+    std::shared_ptr<Operation> operation, std::optional<QualityOfService> nextQos) noexcept {
+    tRunningQueues.pop_back();
+    std::shared_ptr<Operation> entry;
+    std::shared_ptr<Operation> next;
+    {
+        std::lock_guard lock(mutex_);
+        auto found = std::find(running_.begin(), running_.end(), operation);
+        entry = std::move(*found);
+        running_.erase(found);
+        // The pool runs each task with its own quality of service, so only an operation with
+        // the same one may follow in this task.
+        if (nextQos && canStartLocked() && waiting_.front()->qualityOfService() == *nextQos) {
+            next = takeWaitingLocked();
+        }
+        startWaitingLocked();
+    }
+    // Released outside the lock, and before waiters are told: whoever waits for the queue may
+    // rely on the queue holding no operation any more.
+    entry.reset();
+    operation.reset();
+    operationEnded(1);
+    return next;
 }
 
 void OperationQueue::operationEnded(std::size_t count) {

@@ -4,6 +4,7 @@
 #include <latch>
 #include <mutex>
 #include <numeric>
+#include <stdexcept>
 #include <vector>
 
 #include "qn/Exception.h"
@@ -133,12 +134,14 @@ TEST(OperationQueueTest, CancelledBlocksAreReleasedOrphanedQueuesRunOnNestedSelf
     auto dropped = queue->addOperationWithBlock([captured] {});
     captured.reset();
     queue->cancelAllOperations();
+    // A throwing operation ends its worker's run of the queue, but not the queue.
+    auto throwing = queue->addOperationWithBlock([] { throw std::runtime_error("failed"); });
     auto last = queue->addOperationWithBlock([] {});
     queue.reset();  // nobody holds the queue now, yet it goes on
     release.count_down();
     last->waitUntilFinished();
     EXPECT_FALSE(last->isCancelled());
-    EXPECT_TRUE(dropped->isFinished());
+    EXPECT_TRUE(dropped->isFinished() && throwing->isFinished());
     EXPECT_TRUE(watch.expired());  // the caller still holds the operation, not what it captured
 
     std::shared_ptr<qn::BlockOperation> outer;
