@@ -59,7 +59,8 @@
 /// Threads: no lock and not thread-safe. The presenter calls every operation, and runs every walk
 /// with its callbacks, under its cache lock (`_cacheLock`). Callbacks run synchronously on the
 /// calling thread and must not change the subtree being walked, except by removals: the walk
-/// stays safe (it holds what it visits), and a removed sibling not yet visited is skipped.
+/// stays safe (it holds what it visits), and a removed entry not yet visited is skipped, unless
+/// it heads a sibling list the walk has already queued: that one is still visited.
 ///
 /// Failures: none are reported; an empty path or a missing entry makes an operation do or return
 /// nothing. Exceptions: std::out_of_range as said above; std::bad_alloc.
@@ -158,12 +159,14 @@ public:
     /// so in a bucket of two or more the removal compares with the new path; and in a move to
     /// another directory the descendants' old paths are rebuilt with the new name under the old
     /// parent, so their old records are only found and removed when the name did not change.
+    /// A move into the entry's own subtree (or of the root below itself) does nothing.
     void moveEntryAtRelativePath(std::string_view relativePath,
                                  std::string_view toEntryAtRelativePath);
     void copyEntryAtPath(std::string_view path, std::string_view toEntryAtPath);
     /// Creates the destination (with missing ancestors) with a copy of the source's snapshot and
     /// then each descendant, snapshots copied with `isUploaded` false (a copy carries no file
     /// name). A source that is not cached still creates a directory entry at the destination.
+    /// The source's subtree is listed first, so a copy into it copies the tree as it was.
     void copyEntryAtRelativePath(std::string_view relativePath,
                                  std::string_view toEntryAtRelativePath);
 

@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <limits>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "QNiCloudCachePaths.h"
 #include "qn/DirectoryEnumerator.h"
@@ -755,6 +757,12 @@ void QNiCloudCache::moveEntryAtRelativePath(std::string_view relativePath,
     const std::string_view sourceParent = deletingLastComponent(source);
     const std::string_view destinationParent = deletingLastComponent(destination);
     const EntryPointer newParent = entryForRelativePath(destinationParent);
+    // Inside itself the entry would close a cycle of strong links that no walk ever leaves.
+    for (EntryPointer above = newParent; above != nullptr; above = above->parent_.lock()) {
+        if (above == entry) {
+            return;
+        }
+    }
     const EntryPointer oldParent = entry->parent_.lock();
     std::string_view oldPrefix = source;
     std::string_view newPrefix = destination;
@@ -809,16 +817,22 @@ void QNiCloudCache::copyEntryAtRelativePath(std::string_view relativePath,
     const std::string source(relativePath);
     const std::string destination(toEntryAtRelativePath);
     const EntryPointer entry = entryForRelativePath(source);
-    createEntryAtRelativePath(destination,
-                              entry == nullptr ? nullptr : notUploadedCopy(entry->metadataItem_));
+    // The descendants are listed before anything is created, so that a copy into the source's
+    // own subtree copies the tree as it was instead of copying its own copies without end.
+    std::vector<std::pair<std::string, std::shared_ptr<QNiCloudMetadataItem>>> descendants;
     SubtreeWalk walk(*this, entry, SubtreeWalk::Order::kQueueBeforeVisit,
                      SubtreeWalk::kRelativePaths);
     walk.run([&](SubtreeWalk& visit) {
-        const std::string newPath = qn::stringByAppendingPathComponent(
-            destination, remainderBelow(visit.relativePath(), source));
-        createEntryAtRelativePath(newPath, notUploadedCopy(visit.entry()->metadataItem_));
+        descendants.emplace_back(qn::stringByAppendingPathComponent(
+                                     destination, remainderBelow(visit.relativePath(), source)),
+                                 notUploadedCopy(visit.entry()->metadataItem_));
         return true;
     });
+    createEntryAtRelativePath(destination,
+                              entry == nullptr ? nullptr : notUploadedCopy(entry->metadataItem_));
+    for (auto& [path, metadataItem] : descendants) {
+        createEntryAtRelativePath(path, std::move(metadataItem));
+    }
 }
 
 // Walks.

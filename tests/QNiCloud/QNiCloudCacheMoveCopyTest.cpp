@@ -347,6 +347,16 @@ TEST(QNiCloudCacheMoveCopyTest, WalksMovesAndCopiesOfTheSmallTree) {
     EXPECT_EQ(cache->entryForRelativePath("/m/q"), cache->entryForRelativePath("/f/n/q"));
     EXPECT_EQ(cache->entryForRelativePath("/n/q"), nullptr);
     EXPECT_EQ(childNames(cache->entryForRelativePath("/n")), Lines{"q"});
+
+    // Into its own subtree a move does nothing and a copy copies the tree as it was.
+    const std::uint64_t settled = cache->count();
+    cache->moveEntryAtRelativePath("/f", "/F/n/f");
+    cache->moveEntryAtRelativePath("/", "/x");
+    EXPECT_EQ(cache->count(), settled);
+    EXPECT_EQ(childNames(cache->entryForRelativePath("/f/n")), (Lines{"q", "p"}));
+    cache->copyEntryAtRelativePath("/f", "/f/n/c");
+    EXPECT_EQ(cache->allSubpathsOfEntryAtPath(base + "/f/n/c"), (Lines{"n", "n/p", "n/q"}));
+    EXPECT_EQ(cache->count(), settled + 4);
 }
 
 // Random operations on the cache and on the literal model, compared after every step: the tree

@@ -40,6 +40,8 @@ TEST(QNiCloudCacheTest, PathHashIsFnv1OverLowercaseComposedBytes) {
     EXPECT_EQ(QNiCloudCache::hashForPath("/a"), 578204401);
     EXPECT_EQ(QNiCloudCache::hashForPath("/Docs"), 1123498925);
     EXPECT_EQ(QNiCloudCache::hashForPath("/docs"), 1123498925);
+    EXPECT_EQ(QNiCloudCache::hashForPath("/\u00C9t\u00E9"), -1948582108);  // bytes of "/été"
+    EXPECT_EQ(QNiCloudCache::hashForPath("/E\u0301TE\u0301"), -1948582108);
     // Every route (inline ASCII, the Latin table, ICU per component) against the definition:
     // each character up to U+02FF alone and before combining marks, then random text mixing
     // decomposed letters, expanding and context-dependent case mappings and invalid UTF-8.

@@ -137,6 +137,9 @@ TEST_F(QNiCloudDocumentsPresenterConflictsTest, FlagsFollowTheCheckAndChangesAre
             answer = value;
             answeredOnMain = MainQueue::isMainThread();
         });
+    // The check runs elsewhere: its synchronous notification waits for this (main) thread.
+    EXPECT_FALSE(answer.has_value());
+    EXPECT_EQ(received.size(), 1u);
     ASSERT_TRUE(MainQueue::runUntil([&] { return answer.has_value(); }, std::chrono::seconds(10)));
     EXPECT_FALSE(*answer);
     EXPECT_TRUE(answeredOnMain);
@@ -175,7 +178,8 @@ TEST_F(QNiCloudDocumentsPresenterConflictsTest, QueryResultSnapshotsAskTheDefaul
         return std::make_shared<MetadataItem>(std::move(attributes));
     };
     const auto byURL = result({{NSMetadataItemURLKey, invalid}});
-    const auto byPath = result({{NSMetadataItemPathKey, invalid.path()}});
+    const URL other = document("other.txt", {"text"});
+    const auto byPath = result({{NSMetadataItemPathKey, other.path()}});
 
     // No default presenter: the query's word stands.
     EXPECT_TRUE(
@@ -185,8 +189,11 @@ TEST_F(QNiCloudDocumentsPresenterConflictsTest, QueryResultSnapshotsAskTheDefaul
         QNiCloudMetadataItem::metadataItemWithMetadataItem(byURL, false)->hasUnresolvedConflicts());
     EXPECT_EQ(conflictCount(invalid), 1u);
     EXPECT_FALSE(
-        QNiCloudMetadataItem::metadataItemWithMetadataItem(byPath, true)->hasUnresolvedConflicts());
+        QNiCloudMetadataItem::metadataItemWithMetadataItem(byURL, true)->hasUnresolvedConflicts());
     EXPECT_EQ(conflictCount(invalid), 0u);
+    EXPECT_FALSE(
+        QNiCloudMetadataItem::metadataItemWithMetadataItem(byPath, true)->hasUnresolvedConflicts());
+    EXPECT_EQ(conflictCount(other), 0u);
 
     const URL real = document("real.txt", {"theirs"});
     EXPECT_TRUE(QNiCloudMetadataItem::metadataItemWithMetadataItem(

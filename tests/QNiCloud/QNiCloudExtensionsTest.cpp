@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <string_view>
+#include <utility>
+
 #include "QNiCloud/QNiCloudExtensions.h"
 #include "qn/FileAttributes.h"
 #include "qn/MetadataAttributes.h"
@@ -66,6 +69,44 @@ TEST(QNiCloudExtensionsTest, AbsentOrUnreadableAttributesGiveTheDefaults) {
     EXPECT_TRUE(o.isUploading());
     EXPECT_EQ(o.fsSize(), qn::Value(12.5));
     EXPECT_FALSE(o.isUbiquitous());
+}
+
+TEST(QNiCloudExtensionsTest, EachAccessorReadsItsOwnAttribute) {
+    const qn::MetadataItem item(qn::Dictionary{
+        {qn::NSMetadataItemFSNameKey, "fs"},
+        {qn::NSMetadataItemDisplayNameKey, "shown"},
+        {qn::NSMetadataItemURLKey, qn::URL::fileURLWithPath("/u")},
+        {qn::NSMetadataItemFSCreationDateKey, qn::Date(1)},
+        {qn::NSMetadataItemFSContentChangeDateKey, qn::Date(2)},
+        {qn::NSMetadataUbiquitousItemPercentDownloadedKey, 3.0},
+        {qn::NSMetadataUbiquitousItemPercentUploadedKey, 4.0},
+    });
+    const QNiCloudExtensions e(item);
+    EXPECT_EQ(e.fsName(), "fs");
+    EXPECT_EQ(e.displayName(), "shown");
+    EXPECT_EQ(e.URL(), qn::URL::fileURLWithPath("/u"));
+    EXPECT_EQ(e.fsCreationDate(), qn::Date(1));
+    EXPECT_EQ(e.fsContentChangeDate(), qn::Date(2));
+    EXPECT_EQ(e.percentDownloaded(), 3.0);
+    EXPECT_EQ(e.percentUploaded(), 4.0);
+
+    using Flag = bool (QNiCloudExtensions::*)() const;
+    const std::pair<const char*, Flag> flags[] = {
+        {qn::NSMetadataItemIsUbiquitousKey, &QNiCloudExtensions::isUbiquitous},
+        {qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey,
+         &QNiCloudExtensions::hasUnresolvedConflicts},
+        {qn::NSMetadataUbiquitousItemIsDownloadedKey, &QNiCloudExtensions::isDownloaded},
+        {qn::NSMetadataUbiquitousItemIsDownloadingKey, &QNiCloudExtensions::isDownloading},
+        {qn::NSMetadataUbiquitousItemIsUploadedKey, &QNiCloudExtensions::isUploaded},
+        {qn::NSMetadataUbiquitousItemIsUploadingKey, &QNiCloudExtensions::isUploading},
+    };
+    for (const auto& [key, _] : flags) {
+        const qn::MetadataItem one(qn::Dictionary{{key, true}});
+        for (const auto& [other, flag] : flags) {
+            EXPECT_EQ((QNiCloudExtensions(one).*flag)(), std::string_view(other) == key)
+                << key << " read as " << other;
+        }
+    }
 }
 
 TEST(QNiCloudExtensionsTest, AttributesDictionaryHoldsListedAttributesThatHaveValues) {

@@ -71,6 +71,8 @@ TEST(QNiCloudMetadataItemTest, ComparisonTakesTheFirstRuleThatHolds) {
         {"uploaded before progress", {.pU = 20}, {.U = true, .pU = 100}, QNiCloudFileChangeUploaded},
         {"upload progress with NaN", {.pU = 20}, {.pU = kNaN}, QNiCloudFileChangeUploadProgress},
         {"no percent once uploaded", {.U = true, .pU = 100}, {.pU = 3}, QNiCloudFileChangeNone},
+        {"settled download", {.D = true, .pD = 100}, {.D = true, .pD = 100}, QNiCloudFileChangeNone},
+        {"settled upload", {.U = true, .pU = 100}, {.U = true, .pU = 100}, QNiCloudFileChangeNone},
         {"backwards date alone", {}, {.date = earlier}, QNiCloudFileChangeNone, true},
         {"backwards date, then transfers", {}, {.d = true, .date = earlier}, QNiCloudFileChangeDownloadingStarted, true},
         {"missing old date is no content change", {.date = none}, {}, QNiCloudFileChangeNone, true},
