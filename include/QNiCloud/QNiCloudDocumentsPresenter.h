@@ -66,7 +66,8 @@ class QNiCloudMetadataQuery;
 ///   - the class-level lock: the default presenter.
 /// `_cacheQueryLock` and `_cacheLock` are never held together. No notification is posted and no
 /// host code is called while the presenter holds one of them, except the queued hand-over of a
-/// notification to the main thread, which never waits.
+/// notification to the main thread, which never waits, and log lines: a log sink must not call
+/// back into the presenter.
 class QNiCloudDocumentsPresenter final : public qn::Object, public qn::FilePresenter {
 public:
     /// The logger named "iCloud".
@@ -77,10 +78,11 @@ public:
     /// The default presenter, or null. Never creates one.
     static std::shared_ptr<QNiCloudDocumentsPresenter> defaultPresenter();
     /// Installs `presenter` (or none) as default. Installing the presenter that is already the
-    /// default does nothing. Otherwise the replaced default is unregistered from file changes
-    /// first, which waits for its queued work (so never call this from an operation on the
-    /// replaced presenter's queue). The new default is not registered: the host calls
-    /// `registerForFileChangesNotifications` on it.
+    /// default does nothing. Otherwise the replaced default is then unregistered from file
+    /// changes, which waits for its queued work; called from an operation on the replaced
+    /// presenter's queue it would wait for itself, so it throws
+    /// `qn::InternalInconsistencyException` and changes nothing. The new default is not
+    /// registered: the host calls `registerForFileChangesNotifications` on it.
     static void setDefaultPresenter(std::shared_ptr<QNiCloudDocumentsPresenter> presenter);
     static bool hasDefaultPresenter();
 
@@ -109,9 +111,10 @@ public:
     /// already registered.
     void registerForFileChangesNotifications();
     /// Leaves file coordination, cancels the queued work and waits until the queue is idle, then
-    /// stops the cache query; does nothing when not registered. Must not be called from an
-    /// operation on `presentedItemOperationQueue` (it would wait for itself: throws
-    /// `qn::InternalInconsistencyException`).
+    /// stops the cache query; does nothing when not registered. On the main thread it keeps
+    /// running the main queue's work while it waits, since the running operation may be waiting
+    /// for the main thread. Must not be called from an operation on `presentedItemOperationQueue`
+    /// (it would wait for itself: throws `qn::InternalInconsistencyException`, changing nothing).
     void unregisterFromFileChangesNotifications();
     /// A new coordinator acting for this presenter, so that the presenter is not told about the
     /// changes made through it. The caller owns it.
@@ -310,6 +313,9 @@ public:
 
 private:
     std::shared_ptr<QNiCloudDocumentsPresenter> self();
+    /// Throws `qn::InternalInconsistencyException` on an operation of the presenter's own queue,
+    /// where waiting for the queue would never end.
+    void refuseWaitingFromOwnQueue() const;
     /// Cancels the queued work of the old account once the calling thread's reset is done:
     /// waits in the background for the queue to drain, then clears the cache again and, for a
     /// present account, starts the cache query.

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include <chrono>
 #include <iterator>
 #include <stdexcept>
 #include <utility>
@@ -13,6 +14,7 @@
 #include "QNiCloud/QNiCloudMetadataQuery.h"
 #include "qn/DispatchQueue.h"
 #include "qn/Error.h"
+#include "qn/Exception.h"
 #include "qn/FileAttributes.h"
 #include "qn/FileManager.h"
 #include "qn/MainQueue.h"
@@ -24,9 +26,7 @@
 
 namespace {
 
-// The class-level lock and the default presenter it guards. `defaultIdentity` mirrors the
-// stored pointer so that installing the current default again can be recognised without the
-// lock.
+// The class-level lock and the default presenter it guards.
 std::recursive_mutex& defaultPresenterLock() {
     static std::recursive_mutex lock;
     return lock;
@@ -35,7 +35,6 @@ std::shared_ptr<QNiCloudDocumentsPresenter>& defaultPresenterStorage() {
     static std::shared_ptr<QNiCloudDocumentsPresenter> presenter;
     return presenter;
 }
-std::atomic<const QNiCloudDocumentsPresenter*> defaultIdentity{nullptr};
 
 }  // namespace
 
@@ -53,21 +52,24 @@ std::shared_ptr<QNiCloudDocumentsPresenter> QNiCloudDocumentsPresenter::defaultP
 
 void QNiCloudDocumentsPresenter::setDefaultPresenter(
     std::shared_ptr<QNiCloudDocumentsPresenter> presenter) {
-    if (presenter.get() == defaultIdentity.load()) {
-        return;
-    }
     std::shared_ptr<QNiCloudDocumentsPresenter> replaced;
     {
         std::lock_guard lock(defaultPresenterLock());
-        replaced = std::move(defaultPresenterStorage());
-        if (replaced != nullptr) {
-            replaced->unregisterFromFileChangesNotifications();
+        auto& stored = defaultPresenterStorage();
+        if (presenter == stored) {
+            return;
         }
-        defaultIdentity.store(presenter.get());
-        defaultPresenterStorage() = std::move(presenter);
+        if (stored != nullptr) {
+            stored->refuseWaitingFromOwnQueue();  // before anything changes
+        }
+        replaced = std::exchange(stored, std::move(presenter));
     }
-    // `replaced` may be the last reference: its tear-down waits for its observers, which may be
-    // asking for the default presenter on the main thread, so it must run without the lock.
+    // Unregistered without the lock: the replaced presenter's queued work, which unregistering
+    // waits for, may itself ask for the default presenter. `replaced` may also be the last
+    // reference, and its tear-down waits for observers that may do the same.
+    if (replaced != nullptr) {
+        replaced->unregisterFromFileChangesNotifications();
+    }
 }
 
 bool QNiCloudDocumentsPresenter::hasDefaultPresenter() {
@@ -158,12 +160,28 @@ void QNiCloudDocumentsPresenter::registerForFileChangesNotifications() {
     startCacheQuery();
 }
 
+void QNiCloudDocumentsPresenter::refuseWaitingFromOwnQueue() const {
+    if (qn::OperationQueue::currentQueue() == _presentedItemOperationQueue) {
+        throw qn::InternalInconsistencyException(
+            "A presenter cannot leave file coordination from its own operation queue: it would "
+            "wait for itself forever.");
+    }
+}
+
 void QNiCloudDocumentsPresenter::unregisterFromFileChangesNotifications() {
+    refuseWaitingFromOwnQueue();
     if (!_registeredForFileChanges.exchange(false)) {
         return;
     }
     qn::FileCoordinator::removeFilePresenter(this);
     _presentedItemOperationQueue->cancelAllOperations();
+    if (qn::MainQueue::isMainThread()) {
+        // The running operation may be waiting for the main thread (a synchronous notification):
+        // keep serving the main queue until it is over.
+        qn::MainQueue::runUntil(
+            [this] { return _presentedItemOperationQueue->operationCount() == 0; },
+            std::chrono::steady_clock::duration::max());
+    }
     _presentedItemOperationQueue->waitUntilAllOperationsAreFinished();
     stopCacheQuery();
 }
@@ -187,7 +205,7 @@ bool QNiCloudDocumentsPresenter::setupiCloudContainerIfSafeAndNecessary() {
         return false;
     }
     const auto lockHolder = containerLock();
-    std::lock_guard lock(*lockHolder);
+    std::unique_lock lock(*lockHolder);
     if (isContainerInitialized()) {
         return true;
     }
@@ -195,6 +213,7 @@ bool QNiCloudDocumentsPresenter::setupiCloudContainerIfSafeAndNecessary() {
     const auto platformURL =
         qn::FileManager::defaultManager()->URLForUbiquityContainerIdentifier(containerIdentifier());
     if (!platformURL) {
+        lock.unlock();
         logger.warn("Unable to setup container, because iCloud became unavailable.");
         return false;
     }
@@ -207,7 +226,9 @@ bool QNiCloudDocumentsPresenter::setupiCloudContainerIfSafeAndNecessary() {
             generatedURL, *platformURL);
         setContainerURL(qn::URL::fileURLWithPath(platformPath, true));
         if (_registeredForFileChanges.load()) {
-            // Coordination matches presenters by their URL when they are added.
+            // Leave and join again, as after any change of the container's location: the
+            // in-process coordinator reads the presented URL on every claim, but a coordinator
+            // that records it when a presenter joins needs this.
             qn::FileCoordinator::removeFilePresenter(this);
             qn::FileCoordinator::addFilePresenter(self());
             stopCacheQuery();

@@ -35,6 +35,7 @@ void QNiCloudDocumentsPresenter::setNewUbiquityIdentityToken(
     const QNiCloudAccountState previousState = currentAccountState();
 
     QNiCloudAccountState state = QNiCloudAccountStateUnavailable;
+    bool neitherToken = false;
     {
         std::lock_guard lock(_tagLock);
         if (token && _tag && *token == *_tag) {
@@ -43,13 +44,18 @@ void QNiCloudDocumentsPresenter::setNewUbiquityIdentityToken(
             state = QNiCloudAccountStateChanged;
         } else if (token) {
             state = QNiCloudAccountStateBecameAvailable;
-        } else if (!_tag) {
-            logger.info(
-                "New and old ubiquity identity tokens are nil. Do not post account state change "
-                "notification.");
-            return;
+        } else {
+            neitherToken = !_tag;
         }
-        _tag = std::move(token);
+        if (!neitherToken) {
+            _tag = std::move(token);
+        }
+    }
+    if (neitherToken) {
+        logger.info(
+            "New and old ubiquity identity tokens are nil. Do not post account state change "
+            "notification.");
+        return;
     }
     logger.info("iCloud current state is {}.", static_cast<unsigned long>(state));
     if (state == previousState) {

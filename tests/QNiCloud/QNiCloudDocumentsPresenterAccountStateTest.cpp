@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <latch>
 #include <thread>
 
 #include "PresenterFixture.h"
@@ -60,8 +61,23 @@ TEST_F(QNiCloudDocumentsPresenterAccountStateTest, FollowsSwitchesRepeatsAndSign
     settleMainQueue();
     received.clear();
 
+    // The old account's waiting work is dropped; the restart waits for its running work.
+    std::latch started(1), proceed(1);
+    bool droppedRan = false;
+    const auto queue = presenter->presentedItemOperationQueue();
+    queue->addOperationWithBlock([&] {
+        started.count_down();
+        proceed.wait();
+    });
+    queue->addOperationWithBlock([&] { droppedRan = true; });
+    started.wait();
     cloud->switchAccount("bob@example.com");
+    ASSERT_TRUE(waitForLog(LogLevel::Info, "iCloud current state is 2."));
+    EXPECT_FALSE(MainQueue::runUntil([&] { return log.count(LogLevel::Debug, kQueueDrained) > 1; },
+                                     std::chrono::milliseconds(50)));
+    proceed.count_down();
     ASSERT_TRUE(waitForLog(LogLevel::Debug, kQueueDrained, 2));
+    EXPECT_FALSE(droppedRan);
     settleMainQueue();
     EXPECT_EQ(postedStates(), std::vector<std::int64_t>{2});
     EXPECT_FALSE(presenter->isContainerInitialized());  // cleared; the main thread declined

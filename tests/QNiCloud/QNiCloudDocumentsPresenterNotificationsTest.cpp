@@ -20,10 +20,11 @@ TEST_F(QNiCloudDocumentsPresenterNotificationsTest, QueuedAndSynchronousDelivery
         presenter->notifyDidInitializeContainerWithURL(std::nullopt);
         presenter->notifyCacheInitializedWithFilesCount(7, 4);
         presenter->notifyDidClearCache();
-    }).join();  // queued: returns without the main thread's help
+    }).join();                         // queued: returns without the main thread's help
+    presenter->notifyDidClearCache();  // queued even on the main thread: a later turn
     EXPECT_TRUE(received.empty());
     settleMainQueue();
-    ASSERT_EQ(received.size(), 4u);
+    ASSERT_EQ(received.size(), 5u);
     EXPECT_EQ(received[0].notification.userInfo,
               (Dictionary{{QNiCloudAccountStateKey, std::int64_t{2}}}));
     EXPECT_EQ(received[0].notification.object, presenter);
@@ -34,6 +35,7 @@ TEST_F(QNiCloudDocumentsPresenterNotificationsTest, QueuedAndSynchronousDelivery
                           {QNiCloudNumberOfFilesInDocumentsDirectoryKey, std::uint64_t{4}}}));
     EXPECT_EQ(received[2].notification.object, nullptr);
     EXPECT_EQ(received[3].notification.name, QNiCloudDidClearCacheNotification);
+    EXPECT_EQ(received[4].notification.name, QNiCloudDidClearCacheNotification);
 
     // Synchronous: a worker goes on only after the main thread's observers ran.
     received.clear();

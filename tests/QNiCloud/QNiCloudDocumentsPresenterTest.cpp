@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <atomic>
 #include <cmath>
+#include <latch>
 #include <stdexcept>
 #include <thread>
 
 #include "PresenterFixture.h"
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
+#include "qn/Exception.h"
 #include "qn/FileCoordinator.h"
 
 namespace qn::test {
@@ -38,20 +40,36 @@ TEST_F(QNiCloudDocumentsPresenterTest, DefaultPresenterIsReplacedAndUnregistered
     EXPECT_EQ(registrations(first), 1u);
     EXPECT_TRUE(Presenter::hasDefaultPresenter());
 
-    // Replacing the default waits for the work running on the old one's queue.
+    // Replacing the default drops the old one's waiting work and waits for its running work,
+    // serving that work's calls to the main thread and to the default presenter meanwhile. From
+    // the old one's own queue it is refused and changes nothing.
     std::atomic<bool> started{false};
-    std::atomic<bool> finished{false};
-    first->presentedItemOperationQueue()->addOperationWithBlock([&] {
+    std::latch proceed(1);
+    bool finished = false, droppedRan = false;
+    std::shared_ptr<Presenter> seenDefault;
+    const auto queue = first->presentedItemOperationQueue();
+    queue->addOperationWithBlock([&] {
+        EXPECT_THROW(Presenter::setDefaultPresenter(nullptr), InternalInconsistencyException);
         started = true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        finished = true;
+        proceed.wait();
+        seenDefault = Presenter::defaultPresenter();
+        MainQueue::sync([&] { finished = true; });
     });
+    queue->addOperationWithBlock([&] { droppedRan = true; });
     while (!started) {
         std::this_thread::yield();
     }
+    EXPECT_EQ(Presenter::defaultPresenter(), first);
     const auto second = makePresenter();
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        proceed.count_down();
+    });
     Presenter::setDefaultPresenter(second);
+    release.join();
     EXPECT_TRUE(finished);
+    EXPECT_FALSE(droppedRan);
+    EXPECT_EQ(seenDefault, second);
     EXPECT_EQ(registrations(first), 0u);
     EXPECT_EQ(registrations(second), 0u);
     EXPECT_EQ(Presenter::defaultPresenter(), second);
@@ -99,6 +117,18 @@ TEST_F(QNiCloudDocumentsPresenterTest, SetsUpOnlyOffTheMainThreadAndWithAnAccoun
     EXPECT_TRUE(log.lines().empty());
     settleMainQueue();
     EXPECT_EQ(received.size(), 1u);
+
+    // A container the platform does not know: a warning, and nothing is set up or announced.
+    const auto unknown = makePresenter("iCloud.com.example.No/Such");
+    received.clear();
+    EXPECT_FALSE(setupInBackground(unknown));
+    EXPECT_EQ(
+        log.count(LogLevel::Warn, "Unable to setup container, because iCloud became unavailable."),
+        2u);  // at creation and now
+    EXPECT_FALSE(unknown->isContainerInitialized());
+    EXPECT_FALSE(home.exists("Mobile Documents/iCloud~com~example~No"));
+    settleMainQueue();
+    EXPECT_TRUE(received.empty());
 }
 
 TEST_F(QNiCloudDocumentsPresenterTest, RepairsAContainerURLThePlatformSpellsDifferently) {
@@ -113,7 +143,13 @@ TEST_F(QNiCloudDocumentsPresenterTest, RepairsAContainerURLThePlatformSpellsDiff
     presenter->registerForFileChangesNotifications();
     cloud->signIn("alice@example.com");
     ASSERT_TRUE(waitForLog(LogLevel::Debug, kQueueDrained));
+    settleMainQueue();
+    received.clear();
     EXPECT_TRUE(setupInBackground(presenter));
+    settleMainQueue();
+    ASSERT_EQ(received.size(), 1u);
+    EXPECT_EQ(received[0].notification.userInfo.urlForKey(QNiCloudContainerURLKey)->path(),
+              link.path());
 
     EXPECT_TRUE(log.contains(
         LogLevel::Warn,
