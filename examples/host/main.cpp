@@ -1,8 +1,9 @@
 // A host program's first minutes with the library, on a simulated cloud in a temporary drive
 // directory: it creates and installs the default presenter for its container, registers it, and
 // prints each notification as it arrives on the main thread while the user signs in and then
-// switches accounts. It also shows how the library sums up what changed about a document between
-// two snapshots of its cloud state.
+// switches accounts, and how a conflict check tells real conflicts from repeated edits. It also
+// shows how the library sums up what changed about a document between two snapshots of its cloud
+// state.
 
 #include <fmt/core.h>
 #include <fmt/format.h>
@@ -13,6 +14,7 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "QNiCloud/QNiCloud.h"
@@ -20,6 +22,7 @@
 #include "QNiCloud/QNiCloudMetadataItem.h"
 #include "qn/Dictionary.h"
 #include "qn/DispatchQueue.h"
+#include "qn/FileVersion.h"
 #include "qn/Logger.h"
 #include "qn/MainQueue.h"
 #include "qn/MetadataAttributes.h"
@@ -114,6 +117,31 @@ bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
     qn::DispatchQueue::global().async(
         [presenter] { presenter->setupiCloudContainerIfSafeAndNecessary(); });
     ok = ok && qn::MainQueue::runUntil([&] { return containerSetUps == 2; }, kPatience);
+
+    // The same document saved on two computers: the cloud keeps the other computers' versions as
+    // conflicts. One of them only repeats this computer's edit; the check removes it quietly and
+    // announces the conflict that is left.
+    const qn::URL plan = presenter->documentsDirectoryURL().URLByAppendingPathComponent("Plan.txt");
+    cloud->setItem(plan, qn::SimulatedItemState::downloaded("Buy milk.\n"));
+    cloud->addConflictVersion(plan, "Buy milk.\n", qn::Date::now(), "Office Mac");
+    cloud->addConflictVersion(plan, "Buy oat milk.\n", qn::Date::now(), "iPad");
+    auto changeObservation = center.addObserver(
+        QNiCloudFileDidChangeNotification, nullptr, [](const qn::Notification& n) {
+            const std::string* path = n.userInfo.stringForKey(QNiCloudSourcePathKey);
+            const auto change = n.userInfo.int64ForKey(QNiCloudFileChangeTypeKey).value_or(0);
+            fmt::print("main thread ({}): {}: {}\n", qn::MainQueue::isMainThread(),
+                       path != nullptr ? *path : "(unknown)",
+                       changeName(static_cast<QNiCloudFileChangeType>(change)));
+        });
+    std::optional<bool> hasConflicts;
+    presenter->checkIfItemAtURLHasUnresolvedConflicts(plan,
+                                                      std::make_shared<QNiCloudMetadataItem>(),
+                                                      [&](bool answer) { hasConflicts = answer; });
+    ok = ok && qn::MainQueue::runUntil([&] { return hasConflicts.has_value(); }, kPatience);
+    for (const auto& version : qn::FileVersion::unresolvedConflictVersionsOfItemAtURL(plan)) {
+        fmt::print("conflict left: the version saved on {}\n",
+                   version->localizedNameOfSavingComputer());
+    }
 
     // Shutting down: uninstalling unregisters the presenter; it goes once its own background
     // work has ended.
