@@ -1,10 +1,12 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -25,8 +27,10 @@ class UbiquityService;
 ///   - `NSMetadataQueryGatheringProgressNotification` after each gathered batch is in the
 ///     results;
 ///   - `NSMetadataQueryDidFinishGatheringNotification` once, when gathering is complete;
-///   - `NSMetadataQueryDidUpdateNotification` afterwards, once per batch of changes; changes that
-///     arrive within `notificationBatchingInterval` of the first one are coalesced into one.
+///   - `NSMetadataQueryDidUpdateNotification` afterwards, once per batch of changes: changes are
+///     reported `notificationBatchingInterval` after the first unreported one arrived (also one
+///     that arrived during gathering or while updates were disabled), together with every change
+///     that arrived meanwhile.
 /// Results change only on the main thread, just before the notification that reports them, and
 /// never while updates are disabled: a reader on another thread brackets its reading with
 /// `disableUpdates` / `enableUpdates` to see a frozen list; changes that arrive meanwhile wait.
@@ -83,7 +87,11 @@ private:
     };
 
     void receive(Batch batch);
-    void scheduleApplyLocked(bool delayed);
+    /// Hands the next apply to the main queue unless one is already handed over or updates are
+    /// disabled: at once for gathering, when the waiting changes are due for changes.
+    void scheduleApplyLocked();
+    /// One turn of the main queue: applies the first waiting batch, schedules the next turn
+    /// (before posting, so that an observer that throws stops nothing) and posts.
     void applyPending();
     /// Applies the first waiting batch (all waiting changes at once); the notification to post,
     /// or null when nothing was applied.
@@ -103,6 +111,9 @@ private:
     bool stopped_ = false;
     int disabled_ = 0;
     bool applyScheduled_ = false;
+    // When the waiting changes are to be reported: the first one's arrival plus the batching
+    // interval. Set while a change batch waits.
+    std::optional<std::chrono::steady_clock::time_point> changesDue_;
     std::deque<Batch> waiting_;
     std::vector<std::shared_ptr<const MetadataItem>> results_;
     std::unordered_map<std::string, std::size_t> indexByPath_;

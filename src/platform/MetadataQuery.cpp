@@ -1,5 +1,6 @@
 #include "qn/MetadataQuery.h"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
@@ -148,8 +149,8 @@ void MetadataQuery::disableUpdates() {
 
 void MetadataQuery::enableUpdates() {
     std::lock_guard lock(mutex_);
-    if (disabled_ > 0 && --disabled_ == 0 && !waiting_.empty()) {
-        scheduleApplyLocked(false);
+    if (disabled_ > 0 && --disabled_ == 0) {
+        scheduleApplyLocked();
     }
 }
 
@@ -187,16 +188,17 @@ void MetadataQuery::receive(Batch batch) {
     if (stopped_) {
         return;
     }
-    const bool change = batch.kind == Batch::Kind::Changed;
-    const bool finishedBefore =
-        !waiting_.empty() ? waiting_.back().kind != Batch::Kind::Gathered : !gathering_;
+    if (batch.kind == Batch::Kind::Changed && !changesDue_) {
+        changesDue_ = std::chrono::steady_clock::now() +
+                      std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                          std::chrono::duration<double>(std::max(batchingInterval_, 0.0)));
+    }
     waiting_.push_back(std::move(batch));
-    // Changes after gathering wait for the batching interval; gathering reports at once.
-    scheduleApplyLocked(change && finishedBefore);
+    scheduleApplyLocked();
 }
 
-void MetadataQuery::scheduleApplyLocked(bool delayed) {
-    if (applyScheduled_ || disabled_ > 0) {
+void MetadataQuery::scheduleApplyLocked() {
+    if (applyScheduled_ || disabled_ > 0 || waiting_.empty() || stopped_) {
         return;
     }
     applyScheduled_ = true;
@@ -205,38 +207,25 @@ void MetadataQuery::scheduleApplyLocked(bool delayed) {
             self->applyPending();
         }
     };
-    if (delayed && batchingInterval_ > 0) {
-        MainQueue::asyncAfter(std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                  std::chrono::duration<double>(batchingInterval_)),
-                              std::move(apply));
+    const auto now = std::chrono::steady_clock::now();
+    if (waiting_.front().kind == Batch::Kind::Changed && changesDue_ && *changesDue_ > now) {
+        MainQueue::asyncAfter(*changesDue_ - now, std::move(apply));
     } else {
         MainQueue::async(std::move(apply));
     }
 }
 
 void MetadataQuery::applyPending() {
-    for (;;) {
-        const char* notification = nullptr;
-        {
-            std::lock_guard lock(mutex_);
-            applyScheduled_ = false;
-            notification = applyNextLocked();
-            if (!notification) {
-                return;
-            }
-            if (notification == NSMetadataQueryDidUpdateNotification) {
-                // Changes that come in while this batch is reported form the next batch.
-                if (!waiting_.empty()) {
-                    scheduleApplyLocked(true);
-                }
-            } else {
-                applyScheduled_ = true;  // this loop goes on with what waits
-            }
-        }
+    const char* notification = nullptr;
+    {
+        std::lock_guard lock(mutex_);
+        applyScheduled_ = false;
+        notification = applyNextLocked();
+        // Whatever waits gets its own turn, scheduled before the observers run.
+        scheduleApplyLocked();
+    }
+    if (notification != nullptr) {
         post(notification);
-        if (notification == NSMetadataQueryDidUpdateNotification) {
-            return;
-        }
     }
 }
 
@@ -245,6 +234,10 @@ const char* MetadataQuery::applyNextLocked() {
         return nullptr;
     }
     Batch& batch = waiting_.front();
+    if (batch.kind == Batch::Kind::Changed && changesDue_ &&
+        *changesDue_ > std::chrono::steady_clock::now()) {
+        return nullptr;  // not due yet: the next turn is scheduled for when they are
+    }
     switch (batch.kind) {
         case Batch::Kind::Gathered: {
             bool holes = false;
@@ -278,6 +271,7 @@ const char* MetadataQuery::applyNextLocked() {
         }
         waiting_.pop_front();
     }
+    changesDue_.reset();  // changes that arrive from now on form the next batch
     if (holes) {
         compactLocked();
     }

@@ -71,11 +71,16 @@ bool QNReachability::startNotifier() {
     if (!monitor) {
         warnNetlinkUnavailableOnce();
     }
-    std::lock_guard lock(mutex_);
-    running_ = true;
-    lastStatus_ = status;
-    monitor_ = std::move(monitor);
-    serviceObservation_ = std::move(observation);
+    {
+        std::lock_guard lock(mutex_);
+        running_ = true;
+        lastStatus_ = status;
+        monitor_ = std::move(monitor);
+        serviceObservation_ = std::move(observation);
+    }
+    // The status was read before the sources started listening: a change in between is only
+    // seen by looking once more.
+    lookAgain();
     return true;
 }
 

@@ -180,6 +180,7 @@ bool deliverFront(std::unique_lock<std::mutex>& lock, Feed& feed) {
     }
     Batch batch = std::move(feed.pending.front());
     feed.pending.pop_front();
+    feed.claimed -= feed.claimed > 0 ? 1 : 0;
     std::shared_ptr<MetadataFeedObserver> observer = feed.observer;
     lock.unlock();
     try {
@@ -619,17 +620,20 @@ std::size_t SimulatedCloud::deliverNextQueryBatch() {
 }
 
 std::size_t SimulatedCloud::deliver(std::size_t batchesPerFeed) {
-    std::vector<std::shared_ptr<Feed>> feeds;
+    // Only what is queued now, for every feed; changes queued meanwhile wait for the next call.
+    std::vector<std::pair<std::shared_ptr<Feed>, std::size_t>> feeds;
     std::size_t calls = 0;
     std::unique_lock lock(mutex_);
     for (const auto& [id, feed] : state_->feeds) {
-        feeds.push_back(feed);
+        const std::size_t count = std::min(batchesPerFeed, feed->pending.size());
+        feed->claimed = std::max(feed->claimed, count);
+        feeds.emplace_back(feed, count);
     }
     const auto endDelivery = [this](Feed& feed) {
         feed.delivering = false;
         deliveryEnded_.notify_all();
     };
-    for (const auto& feed : feeds) {
+    for (const auto& [feed, claimedCount] : feeds) {
         if (feed->delivering && feed->deliveringThread == std::this_thread::get_id()) {
             continue;  // called from this feed's own observer
         }
@@ -639,8 +643,8 @@ std::size_t SimulatedCloud::deliver(std::size_t batchesPerFeed) {
         }
         feed->delivering = true;
         feed->deliveringThread = std::this_thread::get_id();
-        // Only what is queued now; changes queued meanwhile wait for the next call.
-        const std::size_t count = std::min(batchesPerFeed, feed->pending.size());
+        // Another call may have delivered some of them meanwhile.
+        const std::size_t count = std::min(claimedCount, feed->claimed);
         try {
             for (std::size_t i = 0; i < count && deliverFront(lock, *feed); ++i) {
                 ++calls;

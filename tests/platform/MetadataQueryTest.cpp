@@ -1,7 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include "qn/MainQueue.h"
 #include "qn/MetadataQuery.h"
@@ -137,6 +140,66 @@ TEST_F(MetadataQueryTest, ChangesWaitWhileUpdatesAreDisabledAndArriveCoalesced) 
     qn::MainQueue::runFor(300ms);
     EXPECT_THAT(received, ElementsAre(qn::NSMetadataQueryDidUpdateNotification));
     EXPECT_THAT(paths(*query), ElementsAre("/D/d", "/D/e", "/D/f"));
+}
+
+// Changes are reported one interval after the first unreported one arrived, however they were
+// held up: queued behind gathering, or waiting for updates to be enabled again. An armed report
+// that falls due while updates are disabled waits too.
+TEST_F(MetadataQueryTest, ChangesAreBatchedFromTheFirstOneWhateverHeldThemUp) {
+    query->setNotificationBatchingInterval(0.5);
+    const auto updates = [&] {
+        return std::count(received.begin(), received.end(),
+                          qn::NSMetadataQueryDidUpdateNotification);
+    };
+    ASSERT_TRUE(query->startQuery());
+    std::thread([&] {
+        service->observer->feedDidGather({item("/D/a")});
+        service->observer->feedDidFinishGathering();
+        service->observer->feedDidChange({item("/D/b")}, {});
+    }).join();
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return !query->isGathering(); }, 5s));
+    qn::MainQueue::runFor(50ms);
+    service->observer->feedDidChange({item("/D/c")}, {});
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return updates() == 1; }, 5s));
+    EXPECT_THAT(paths(*query), ElementsAre("/D/a", "/D/b", "/D/c"));
+
+    service->observer->feedDidChange({item("/D/d")}, {});
+    std::thread([&] { query->disableUpdates(); }).join();
+    qn::MainQueue::runFor(600ms);
+    EXPECT_EQ(updates(), 1);
+    EXPECT_EQ(query->resultCount(), 3u);
+    query->enableUpdates();  // overdue: reported at once
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return updates() == 2; }, 5s));
+
+    query->disableUpdates();
+    service->observer->feedDidChange({item("/D/e")}, {});
+    query->enableUpdates();
+    qn::MainQueue::runFor(50ms);
+    service->observer->feedDidChange({item("/D/f")}, {});
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return updates() == 3; }, 5s));
+    qn::MainQueue::runFor(600ms);
+    EXPECT_EQ(updates(), 3);
+    EXPECT_THAT(paths(*query), ElementsAre("/D/a", "/D/b", "/D/c", "/D/d", "/D/e", "/D/f"));
+}
+
+// An observer that throws leaves the pumping call; the query goes on at the next turn.
+TEST_F(MetadataQueryTest, AThrowingObserverDoesNotStallTheQuery) {
+    bool thrown = false;
+    auto thrower = qn::NotificationCenter::defaultCenter().addObserver(
+        qn::NSMetadataQueryGatheringProgressNotification, query.get(), [&](const auto&) {
+            if (!std::exchange(thrown, true)) {
+                throw std::runtime_error("observer failed");
+            }
+        });
+    query->setNotificationBatchingInterval(0);
+    ASSERT_TRUE(query->startQuery());
+    service->observer->feedDidGather({item("/D/a")});
+    service->observer->feedDidFinishGathering();
+    service->observer->feedDidChange({item("/D/b")}, {});
+    EXPECT_THROW(qn::MainQueue::runFor(50ms), std::runtime_error);
+    ASSERT_TRUE(qn::MainQueue::runUntil([&] { return query->resultCount() == 2; }, 5s));
+    EXPECT_FALSE(query->isGathering());
+    EXPECT_EQ(received.back(), qn::NSMetadataQueryDidUpdateNotification);
 }
 
 TEST_F(MetadataQueryTest, AStoppedQueryKeepsItsResultsAndFallsSilent) {

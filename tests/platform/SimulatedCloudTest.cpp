@@ -79,6 +79,19 @@ private:
     std::map<std::string, std::shared_ptr<const qn::MetadataItem>> latest_;
 };
 
+// Records like RecordingObserver and runs `onChange` once, inside its next change call.
+class ChangingObserver : public RecordingObserver {
+public:
+    void feedDidChange(std::vector<std::shared_ptr<const qn::MetadataItem>> items,
+                       std::vector<std::string> removed) override {
+        RecordingObserver::feedDidChange(std::move(items), std::move(removed));
+        if (auto change = std::exchange(onChange, nullptr)) {
+            change();
+        }
+    }
+    std::function<void()> onChange;
+};
+
 qn::Value attribute(const qn::MetadataItem& item, std::string_view key) {
     const qn::Value* value = item.valueForAttribute(key);
     return value != nullptr ? *value : qn::Value();
@@ -199,6 +212,20 @@ TEST_F(SimulatedCloudTest, FeedGathersInBatchesThenFinishesThenReportsMergedChan
     EXPECT_EQ(cloud->deliverQueryBatches(), 0u);
     EXPECT_EQ(observer->calls().size(), 4u);
     EXPECT_EQ(cloud->runningFeedCount(), 1u);
+
+    // A change made during a call waits for the next call, for every feed alike.
+    const auto changing = std::make_shared<ChangingObserver>();
+    const auto other = std::make_shared<RecordingObserver>();
+    startFeed(changing);
+    startFeed(other);
+    cloud->deliverQueryBatches();
+    cloud->setItem(document("x.txt"), {});
+    changing->onChange = [&] { cloud->setItem(document("y.txt"), {}); };
+    cloud->deliverQueryBatches();
+    cloud->deliverQueryBatches();
+    EXPECT_THAT(changing->calls(), ElementsAre("gather a.txt b.txt", "gather d.txt e.txt", "finish",
+                                               "change x.txt", "change y.txt"));
+    EXPECT_EQ(other->calls(), changing->calls());
 
     // Without an account a feed gathers nothing and hears nothing.
     cloud->signOut();

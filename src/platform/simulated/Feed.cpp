@@ -21,7 +21,7 @@ void Feed::queueGathering(std::vector<std::shared_ptr<const MetadataItem>> items
 }
 
 Batch& Feed::openChangeBatch() {
-    if (pending.empty() || pending.back().kind != Batch::Kind::Change) {
+    if (pending.size() <= claimed || pending.back().kind != Batch::Kind::Change) {
         pending.push_back(Batch{});
     }
     return pending.back();

@@ -30,6 +30,9 @@ struct Feed {
     bool hearsChanges = false;
     std::shared_ptr<MetadataFeedObserver> observer;  // null once stopped
     std::deque<Batch> pending;
+    /// How many of the first pending batches a running `deliverQueryBatches` call has promised
+    /// to deliver: later changes never merge into them.
+    std::size_t claimed = 0;
 
     bool stopped = false;
     /// A delivery is running on `deliveringThread`; no other may start.
