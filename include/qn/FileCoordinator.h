@@ -34,9 +34,13 @@ inline constexpr FileCoordinatorWritingOptions
 /// item below it and of any directory above it. A call for two items acquires both at once, so
 /// two opposite moves cannot deadlock. A thread that already holds access (inside an accessor)
 /// is never blocked by its own access, so accessors may coordinate again, e.g. to list a parent
-/// directory. An accessor must not wait for another thread that coordinates a related item (the
-/// same item, one above or below it), not even for reading: that thread may queue behind a writer
-/// that waits for this accessor.
+/// directory. An accessor must not wait for any other thread that coordinates, not even for
+/// reading and not even on an unrelated item: waiters are served in arrival order, so that thread
+/// may queue behind a writer (or a move) that waits for this accessor.
+///
+/// Items are told apart by their standardised paths, without resolving symbolic links: two
+/// spellings of one item through a link are two items to coordination. Coordinate on the
+/// spelling the library uses for the container (its Documents directory URL and paths below it).
 ///
 /// After a coordinated write, every registered presenter whose presented item lies above a
 /// written item hears `presentedSubitemDidChangeAtURL` on its own queue, except the presenter

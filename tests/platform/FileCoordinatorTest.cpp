@@ -234,6 +234,15 @@ TEST_P(FileCoordinatorContract, PresentersAboveAWrittenItemHearOfItOnTheirQueueB
                                                                    [](const qn::URL&) {});
     EXPECT_EQ(other->events().size(), 4u);
     EXPECT_EQ(self->events(), (std::vector<std::string>{"changed /docs/d"}));
+
+    // A presenter that goes away is neither kept alive nor told.
+    auto gone = std::make_shared<RecordingPresenter>("/docs");
+    qn::FileCoordinator::addFilePresenter(gone);
+    const std::weak_ptr<RecordingPresenter> watch = gone;
+    gone.reset();
+    EXPECT_TRUE(watch.expired());
+    qn::FileCoordinator::make(nullptr)->coordinateWritingItemAtURL(url("/docs/e"), 0, nullptr,
+                                                                   [](const qn::URL&) {});
     qn::FileCoordinator::removeFilePresenter(self.get());
     qn::FileCoordinator::removeFilePresenter(unrelated.get());
     EXPECT_TRUE(qn::FileCoordinator::filePresenters().empty());
