@@ -77,7 +77,8 @@ public:
     virtual bool createDirectoryAtURL(const URL& url, bool withIntermediateDirectories,
                                       const Dictionary* attributes = nullptr,
                                       Error* error = nullptr) = 0;
-    /// Creates or truncates the file at `path` with `contents`; true on success.
+    /// Creates the file at `path` with `contents`, replacing the contents of a file there; true
+    /// on success.
     virtual bool createFileAtPath(std::string_view path, std::string_view contents,
                                   const Dictionary* attributes = nullptr) = 0;
 

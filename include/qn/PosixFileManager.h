@@ -63,16 +63,24 @@ public:
     bool createDirectoryAtURL(const URL& url, bool withIntermediateDirectories,
                               const Dictionary* attributes = nullptr,
                               Error* error = nullptr) override;
-    /// Writes in place: an existing file is truncated and keeps its permissions, a new one gets
-    /// 0644 (less the umask), unless `attributes` say otherwise. A file this call created is
-    /// removed again when writing fails.
+    /// Writes a hidden file next to the destination (so its directory must be writable) and
+    /// renames it into place once written and given its attributes: a failure (out of space, an
+    /// attribute that cannot be applied) leaves any file at `path` as it was and nothing new. A
+    /// replaced file's permissions (and, where the process may give them, its owner and group)
+    /// carry over, a new file gets 0644 (less the umask), unless `attributes` say otherwise. A
+    /// symbolic link to a file is followed and stays; other hard links to the file keep the old
+    /// contents. A directory, or a dangling link, at `path` fails.
     bool createFileAtPath(std::string_view path, std::string_view contents,
                           const Dictionary* attributes = nullptr) override;
 
     /// Renames without ever replacing (RENAME_NOREPLACE, so the check is atomic where the file
-    /// system supports it). Across file systems: a copy, then removal of the source; if that
-    /// removal fails the call reports it and the complete copy stays at `toURL`. Neither way
-    /// consults the delegate. A missing source fails with 4.
+    /// system supports it). Across file systems: a copy, then removal of the source items that
+    /// were copied, each only if still as copied; if that removal fails the call reports it and
+    /// the complete copy stays at `toURL`. In particular an item another writer adds to the source
+    /// (or changes in it) during the copy is not in the copy: it stays at the source, with the
+    /// directories holding it, and the move fails with 512 naming the first item that stayed (a
+    /// directory with ENOTEMPTY, a changed item with EBUSY underlying). Neither way consults the
+    /// delegate. A missing source fails with 4.
     bool moveItemAtURL(const URL& url, const URL& toURL, Error* error = nullptr) override;
     /// Keeps permissions and dates, copies symbolic links as links. Fails with 260 for a missing
     /// source, 516 when `toURL` exists, and 512 (EINVAL) for a directory copied into itself. On
@@ -86,8 +94,10 @@ public:
     /// On one file system the original and the replacement swap places in one atomic rename
     /// (RENAME_EXCHANGE), so the original's path always holds a complete item; elsewhere the
     /// replacement is first copied next to the original. The replacement no longer exists at its
-    /// old place afterwards. Unless NSFileManagerItemReplacementUsingNewMetadataOnly is given,
-    /// the result keeps the original's permissions. A missing original makes this a move of the
+    /// old place afterwards, except what a writer added to it (or changed in it) while it was
+    /// being copied, which was not copied and stays there. Unless
+    /// NSFileManagerItemReplacementUsingNewMetadataOnly is given, a result of the original's
+    /// type keeps the original's permissions. A missing original makes this a move of the
     /// replacement into place; a missing replacement fails with 4. An item already at the
     /// backup's place is removed first.
     bool replaceItemAtURL(const URL& originalItemURL, const URL& withItemAtURL,

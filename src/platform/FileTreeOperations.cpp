@@ -75,17 +75,37 @@ bool isInside(const std::string& destination, const std::string& sourceDirectory
     return resolved == source || resolved.starts_with(joinPath(source, ""));
 }
 
+std::string pathBelow(const std::string& root, const std::string& relativePath) {
+    return relativePath.empty() ? root : joinPath(root, relativePath);
+}
+
+// Whether the item now at a source path is the one copied from there: a writer may have replaced
+// it (a new file renamed over it) or written to it since. A directory's own changes are its
+// entries, which rmdir checks.
+bool stillAsCopied(const ItemStatus& now, const ItemStatus& copied) {
+    if (now.device != copied.device || now.inode != copied.inode ||
+        (now.mode & S_IFMT) != (copied.mode & S_IFMT)) {
+        return false;
+    }
+    return now.isDirectory() ||
+           (now.size == copied.size && now.modified.tv_sec == copied.modified.tv_sec &&
+            now.modified.tv_nsec == copied.modified.tv_nsec);
+}
+
 class TreeCopier {
 public:
-    TreeCopier(FileManagerDelegate* delegate, Error* error) : delegate_(delegate), error_(error) {}
+    TreeCopier(FileManagerDelegate* delegate, Error* error, std::vector<CopiedItem>* copied)
+        : delegate_(delegate), error_(error), copied_(copied) {}
 
-    // False on failure, with the error set.
-    bool copy(const std::string& source, const std::string& destination, const ItemStatus& status) {
+    // False on failure, with the error set. `relativePath` is the item's place below the top.
+    bool copy(const std::string& source, const std::string& destination,
+              const std::string& relativePath, const ItemStatus& status) {
         if (delegate_ != nullptr && !delegate_->shouldCopyItemAtURL(
                                         URL::fileURLWithPath(source, status.isDirectory()),
                                         URL::fileURLWithPath(destination, status.isDirectory()))) {
             return true;
         }
+        current_ = {relativePath, status};
         if (status.isDirectory()) {
             return copyDirectory(source, destination, status);
         }
@@ -98,13 +118,14 @@ public:
         if (::mknod(destination.c_str(), status.mode, status.specialDevice) != 0) {
             return fail(errno, FileAccess::Writing, destination);
         }
-        createdTop_ = true;
+        created();
         return keepDates(destination, status, 0);
     }
 
-    bool createdTop() const { return createdTop_; }
-
 private:
+    // The item being copied now exists at its destination.
+    void created() { copied_->push_back(std::move(current_)); }
+
     bool fail(int errnoValue, FileAccess access, const std::string& path) {
         setError(error_, fileError(errnoValue, access, path));
         return false;
@@ -129,7 +150,8 @@ private:
         if (::mkdir(destination.c_str(), 0700) != 0) {
             return fail(errno, FileAccess::Writing, destination);
         }
-        createdTop_ = true;
+        const std::string relativePath = current_.relativePath;
+        created();
         for (const std::string& name : names) {
             const std::string child = joinPath(source, name);
             ItemStatus childStatus;
@@ -139,7 +161,8 @@ private:
                 }
                 return fail(result, FileAccess::Reading, child);
             }
-            if (!copy(child, joinPath(destination, name), childStatus)) {
+            if (!copy(child, joinPath(destination, name), joinPath(relativePath, name),
+                      childStatus)) {
                 return false;
             }
         }
@@ -160,7 +183,7 @@ private:
         if (!out.valid()) {
             return fail(errno, FileAccess::Writing, destination);
         }
-        createdTop_ = true;
+        created();
         // A failure here cannot be told apart by side; the usual causes (space, quota) are the
         // destination's.
         if (const int result = copyFileData(in.get(), out.get()); result != 0) {
@@ -185,7 +208,7 @@ private:
         if (::symlink(target.c_str(), destination.c_str()) != 0) {
             return fail(errno, FileAccess::Writing, destination);
         }
-        createdTop_ = true;
+        created();
         // Not every file system keeps dates on links; the link itself is what matters.
         const struct timespec times[2] = {status.accessed, status.modified};
         ::utimensat(AT_FDCWD, destination.c_str(), times, AT_SYMLINK_NOFOLLOW);
@@ -194,7 +217,8 @@ private:
 
     FileManagerDelegate* delegate_;
     Error* error_;
-    bool createdTop_ = false;  // Set by the first item created, which is the top one.
+    std::vector<CopiedItem>* copied_;
+    CopiedItem current_;
 };
 
 struct RemovalEntry {
@@ -314,7 +338,7 @@ bool sameFileContents(const std::string& path, const std::string& otherPath) {
 }  // namespace
 
 bool copyItemTree(const URL& source, const URL& destination, FileManagerDelegate* delegate,
-                  Error* error) {
+                  Error* error, std::vector<CopiedItem>* copied) {
     ItemStatus status;
     if (const int result = statusOfItem(source.path(), false, &status); result != 0) {
         setError(error, fileError(result, FileAccess::Reading, source.path(), &source));
@@ -329,14 +353,60 @@ bool copyItemTree(const URL& source, const URL& destination, FileManagerDelegate
         setError(error, fileError(EINVAL, FileAccess::Writing, destination.path(), &destination));
         return false;
     }
-    TreeCopier copier(delegate, error);
-    if (!copier.copy(source.path(), destination.path(), status)) {
-        if (copier.createdTop()) {
-            removeItemTree(destination, nullptr, nullptr);
-        }
+    std::vector<CopiedItem> ownRecord;
+    std::vector<CopiedItem>* record = copied != nullptr ? copied : &ownRecord;
+    record->clear();
+    TreeCopier copier(delegate, error, record);
+    if (!copier.copy(source.path(), destination.path(), "", status)) {
+        removeCopiedItems(destination.path(), *record, CopySide::Copy, nullptr);
+        record->clear();
         return false;
     }
     return true;
+}
+
+bool removeCopiedItems(const std::string& root, const std::vector<CopiedItem>& copied,
+                       CopySide side, Error* error) {
+    if (side == CopySide::Copy) {
+        // Only what the copy created and still a directory (chmod would follow a link).
+        for (const CopiedItem& item : copied) {
+            const std::string path = pathBelow(root, item.relativePath);
+            ItemStatus status;
+            if (item.source.isDirectory() && statusOfItem(path, false, &status) == 0 &&
+                status.isDirectory()) {
+                ::chmod(path.c_str(), 0700);
+            }
+        }
+    }
+    int firstFailure = 0;
+    auto failed = [&](int errnoValue, const std::string& path) {
+        if (firstFailure == 0) {
+            firstFailure = errnoValue;
+            setError(error, fileError(errnoValue, FileAccess::Writing, path));
+        }
+    };
+    for (auto item = copied.rbegin(); item != copied.rend(); ++item) {
+        const std::string path = pathBelow(root, item->relativePath);
+        const bool isDirectory = item->source.isDirectory();
+        if (side == CopySide::Source) {
+            ItemStatus now;
+            if (const int result = statusOfItem(path, false, &now); result != 0) {
+                if (result != ENOENT) {
+                    failed(result, path);
+                }
+                continue;
+            }
+            if (!stillAsCopied(now, item->source)) {
+                failed(EBUSY, path);
+                continue;
+            }
+        }
+        if ((isDirectory ? ::rmdir(path.c_str()) : ::unlink(path.c_str())) != 0 &&
+            errno != ENOENT) {
+            failed(errno, path);
+        }
+    }
+    return firstFailure == 0;
 }
 
 bool removeItemTree(const URL& item, FileManagerDelegate* delegate, Error* error) {

@@ -9,7 +9,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include "FileErrors.h"
 #include "FileSystemCalls.h"
@@ -44,17 +47,19 @@ int renameWithoutReplacing(const std::string& from, const std::string& to) {
     return ::rename(from.c_str(), to.c_str()) == 0 ? 0 : errno;
 }
 
-// A name in `directory` that nothing uses yet, hidden, for an item on its way in or out.
-std::string temporarySibling(const std::string& directory, std::string_view name) {
+// A hidden name in `directory` that nothing uses yet, for an item on its way in or out, into
+// `path`. It leaves out the item's own name, which may already be as long as a name can be.
+// 0 or errno: only a name known to be free will do.
+int temporarySibling(const std::string& directory, std::string* path) {
     static std::atomic<unsigned> counter{0};
     for (;;) {
         struct timespec now {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
-        std::string path = joinPath(directory, fmt::format(".{}.qn-{}-{}-{}", name, ::getpid(),
-                                                           counter.fetch_add(1), now.tv_nsec));
+        *path = joinPath(
+            directory, fmt::format(".qn-{}-{}-{}", ::getpid(), counter.fetch_add(1), now.tv_nsec));
         ItemStatus existing;
-        if (statusOfItem(path, false, &existing) != 0) {
-            return path;
+        if (const int result = statusOfItem(*path, false, &existing); result != 0) {
+            return result == ENOENT ? 0 : result;
         }
     }
 }
@@ -269,25 +274,60 @@ bool PosixFileManager::createFileAtPath(std::string_view path, std::string_view 
         }
         changes = *parsed;
     }
-    const std::string filePath(path);
-    bool created = true;
-    int fd = ::open(filePath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    if (fd < 0 && errno == EEXIST) {
-        created = false;
-        fd = ::open(filePath.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
+    std::string filePath(path);
+    ItemStatus existing;
+    int result = statusOfItem(filePath, false, &existing);
+    if (result == 0 && existing.isSymbolicLink()) {
+        // The file a link leads to is the one replaced; the link stays. A dangling one fails.
+        const std::unique_ptr<char, decltype(&std::free)> resolved(
+            ::realpath(filePath.c_str(), nullptr), &std::free);
+        if (!resolved) {
+            return false;
+        }
+        filePath = resolved.get();
+        result = statusOfItem(filePath, false, &existing);
     }
+    const bool replacing = result == 0;
+    if ((!replacing && result != ENOENT) || (replacing && existing.isDirectory())) {
+        return false;
+    }
+    // The new contents go to a file of their own, renamed over the old one only once complete:
+    // running out of space or quota halfway must not cost the old contents.
+    std::string temporaryPath;
+    int fd = -1;
+    do {
+        if (temporarySibling(parentPath(filePath), &temporaryPath) != 0) {
+            return false;
+        }
+        fd = ::open(temporaryPath.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    } while (fd < 0 && errno == EEXIST);
     if (fd < 0) {
         return false;
     }
-    int result = writeAll(fd, contents);
+    result = writeAll(fd, contents);
+    if (result == 0 && replacing) {
+        // What the old file had: its owner and group where we may give them (EPERM: the file
+        // becomes ours), then its permissions, since a change of owner clears set-ID bits.
+        if (::fchown(fd, existing.owner, existing.group) != 0 && errno != EPERM) {
+            result = errno;
+        } else if (::fchmod(fd, existing.mode & 07777) != 0) {
+            result = errno;
+        }
+    }
+    if (result == 0 && ::fdatasync(fd) != 0) {
+        result = errno;  // Renamed unsynced, a crash could leave an empty file in its place.
+    }
     if (::close(fd) != 0 && result == 0 && errno != EINTR) {
         result = errno;
     }
     if (result == 0) {
-        result = changes.applyTo(filePath);
+        result = changes.applyTo(temporaryPath);
     }
-    if (result != 0 && created) {
-        ::unlink(filePath.c_str());
+    if (result == 0 && ::rename(temporaryPath.c_str(), filePath.c_str()) != 0) {
+        result = errno;
+    }
+    if (result != 0) {
+        ::unlink(temporaryPath.c_str());
     }
     return result == 0;
 }
@@ -307,10 +347,13 @@ bool PosixFileManager::moveItemAtURL(const URL& url, const URL& toURL, Error* er
         setError(error, fileError(result, FileAccess::Writing, toURL.path(), &toURL));
         return false;
     }
-    if (!copyItemTree(url, toURL, nullptr, error)) {
+    std::vector<CopiedItem> copied;
+    if (!copyItemTree(url, toURL, nullptr, error, &copied)) {
         return false;
     }
-    return removeItemTree(url, nullptr, error);
+    // Only what was copied: what a writer added to the source or changed in it meanwhile stays
+    // there, with the directories holding it, and the move fails.
+    return removeCopiedItems(url.path(), copied, CopySide::Source, error);
 }
 
 bool PosixFileManager::copyItemAtURL(const URL& url, const URL& toURL, Error* error) {
@@ -383,12 +426,19 @@ bool PosixFileManager::replaceItemAtURL(const URL& originalItemURL, const URL& w
     bool staging = statusOfItem(directory, true, &directoryStatus) == 0 &&
                    directoryStatus.device != replacement.device;
     std::string stagedPath = replacementPath;
-    std::string previousPath;  // Where the original ends up once the replacement is in place.
+    std::vector<CopiedItem> staged;  // What staging copied.
+    std::string previousPath;        // Where the original ends up once the replacement is in place.
+    auto failed = [&](int result) {
+        setError(error, fileError(result, FileAccess::Writing, originalPath, &originalItemURL));
+        return false;
+    };
     for (;;) {
         if (staging && stagedPath == replacementPath) {
-            stagedPath = temporarySibling(directory, lastComponent(originalPath));
+            if (const int result = temporarySibling(directory, &stagedPath); result != 0) {
+                return failed(result);
+            }
             if (!copyItemTree(withItemAtURL, URL::fileURLWithPath(stagedPath, false), nullptr,
-                              error)) {
+                              error, &staged)) {
                 return false;
             }
         }
@@ -398,12 +448,14 @@ bool PosixFileManager::replaceItemAtURL(const URL& originalItemURL, const URL& w
             previousPath = stagedPath;
         } else if (renameFlagUnsupported(errno)) {
             // No atomic swap here: for a moment nothing is at the original's place.
-            previousPath = keepBackup && backupPath != replacementPath
-                               ? backupPath
-                               : temporarySibling(directory, lastComponent(originalPath));
-            if (::rename(originalPath.c_str(), previousPath.c_str()) != 0) {
+            if (keepBackup && backupPath != replacementPath) {
+                previousPath = backupPath;
+            } else {
+                result = temporarySibling(directory, &previousPath);
+            }
+            if (result == 0 && ::rename(originalPath.c_str(), previousPath.c_str()) != 0) {
                 result = errno;
-            } else if (::rename(stagedPath.c_str(), originalPath.c_str()) != 0) {
+            } else if (result == 0 && ::rename(stagedPath.c_str(), originalPath.c_str()) != 0) {
                 result = errno;
                 ::rename(previousPath.c_str(), originalPath.c_str());
             }
@@ -414,22 +466,28 @@ bool PosixFileManager::replaceItemAtURL(const URL& originalItemURL, const URL& w
             break;
         }
         if (stagedPath != replacementPath) {
-            removeItemTree(URL::fileURLWithPath(stagedPath, false), nullptr, nullptr);
+            removeCopiedItems(stagedPath, staged, CopySide::Copy, nullptr);
         } else if (result == EXDEV) {
             staging = true;  // Same device number, different mounts.
             continue;
         }
-        setError(error, fileError(result, FileAccess::Writing, originalPath, &originalItemURL));
-        return false;
+        return failed(result);
     }
 
+    // Permissions mean something else on another type of item: a file's 0644 would lock a
+    // directory, a directory's 0700 would make a file executable.
     if ((options & NSFileManagerItemReplacementUsingNewMetadataOnly) == 0 &&
-        !original.isSymbolicLink() && !replacement.isSymbolicLink()) {
+        !original.isSymbolicLink() && (original.mode & S_IFMT) == (replacement.mode & S_IFMT)) {
         ::chmod(originalPath.c_str(), original.mode & 07777);
     }
     if (stagedPath != replacementPath) {
-        // The replacement is consumed even when it had to be copied over.
-        removeItemTree(withItemAtURL, nullptr, nullptr);
+        // The replacement is consumed even when it had to be copied over, as far as it was: what
+        // a writer added to it meanwhile is not in place and must not be lost.
+        if (Error removalError;
+            !removeCopiedItems(replacementPath, staged, CopySide::Source, &removalError)) {
+            Logger::named("iCloud").warn("The replacement of {} is partly left at {}: {}",
+                                         originalPath, replacementPath, removalError);
+        }
     }
     if (keepBackup) {
         if (previousPath != backupPath && ::rename(previousPath.c_str(), backupPath.c_str()) != 0) {

@@ -65,7 +65,8 @@ protected:
         UbiquityService::setCurrent(cloud);
     }
 
-    // A presenter whose first reading of the account, and all that follows it, is over.
+    // A presenter whose first reading of the account, and all that follows it (notifications
+    // included), is over.
     std::shared_ptr<QNiCloudDocumentsPresenter> makePresenter(
         std::optional<std::string_view> identifier = kContainer) {
         const bool signedIn = cloud->account().has_value();
@@ -74,6 +75,7 @@ protected:
         const std::size_t before = log.count(level, last);
         auto presenter = QNiCloudDocumentsPresenter::initWithContainerIdentifier(identifier);
         EXPECT_TRUE(waitForLog(level, last, before + 1));
+        settleMainQueue();  // what it queued for the main thread on the way has arrived
         return presenter;
     }
 

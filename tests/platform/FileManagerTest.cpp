@@ -1,12 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -16,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/FileTreeOperations.h"
 #include "qn/FileAttributes.h"
 #include "qn/PosixFileManager.h"
 #include "qn/util/QNFileManagerDelegate.h"
@@ -281,6 +285,24 @@ TEST_F(FileManagerTest, CreatingAndMovingNeverReplaceAnExistingItem) {
     EXPECT_EQ(dir.read("new"), "short");
     EXPECT_EQ(permissions("new"), 0600u);
     ::umask(previousMask);
+    // A replaced file keeps its mode and a link to it stays. A write that runs out of room (the
+    // file size limit here) leaves the old file whole and nothing beside it.
+    dir.symlink("link", "new");
+    EXPECT_TRUE(manager->createFileAtPath(dir.pathOf("link"), "short"));
+    EXPECT_TRUE(S_ISLNK(dir.status("link").st_mode));
+    struct rlimit limit {};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &limit), 0);
+    const struct rlimit previousLimit = limit;
+    limit.rlim_cur = 4096;
+    const auto previousHandler = ::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+    EXPECT_FALSE(manager->createFileAtPath(dir.pathOf("new"), std::string(8192, 'x')));
+    ::setrlimit(RLIMIT_FSIZE, &previousLimit);
+    ::signal(SIGXFSZ, previousHandler);
+    EXPECT_EQ(dir.read("new"), "short");
+    EXPECT_EQ(permissions("new"), 0600u);
+    EXPECT_EQ(manager->contentsOfDirectoryAtPath(dir.path()),
+              (Strings{"a", "file", "link", "new"}));
     EXPECT_FALSE(manager->createFileAtPath(dir.pathOf("missing/new"), "x"));
     const qn::Dictionary bad{{qn::NSFilePosixPermissions, "rw"}};
     EXPECT_FALSE(manager->createFileAtPath(dir.pathOf("other"), "x", &bad));
@@ -330,6 +352,51 @@ TEST_F(FileManagerTest, CopyKeepsTreeShapeLinksPermissionsAndDates) {
     // Into itself: refused, and nothing is left behind.
     EXPECT_FALSE(manager->copyItemAtURL(dir.urlOf("src"), dir.urlOf("src/sub/again"), &error));
     EXPECT_FALSE(dir.exists("src/sub/again"));
+}
+
+TEST_F(FileManagerTest, AFailedCopyRemovesWhatItCopiedIntoReadOnlyDirectories) {
+    // Permissions do not stop root, so the copy runs as nobody in a child process.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        if (::geteuid() == 0 && (::chown(dir.path().c_str(), 65534, 65534) != 0 ||
+                                 ::setgid(65534) != 0 || ::setuid(65534) != 0)) {
+            ::_exit(77);
+        }
+        const qn::Dictionary readOnly{{qn::NSFilePosixPermissions, 0555}};
+        const qn::Dictionary unreadable{{qn::NSFilePosixPermissions, 0}};
+        // "ro" is copied whole, with its mode, before "z" cannot be read.
+        const bool prepared = manager->createDirectoryAtURL(dir.urlOf("src/ro"), true, nullptr) &&
+                              manager->createFileAtPath(dir.pathOf("src/ro/file"), "x") &&
+                              manager->setAttributes(readOnly, dir.pathOf("src/ro")) &&
+                              manager->createFileAtPath(dir.pathOf("src/z"), "x", &unreadable);
+        const bool copied = prepared && manager->copyItemAtURL(dir.urlOf("src"), dir.urlOf("dst"));
+        ::_exit(!prepared ? 2 : copied ? 3 : dir.exists("dst") ? 4 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) {
+        GTEST_SKIP() << "cannot switch to another user";
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+}
+
+TEST_F(FileManagerTest, UndoingACopyAtTheSourceLeavesWhatAWriterAddedOrReplaced) {
+    for (const char* name : {"src/a", "src/replaced", "src/sub/b"}) {
+        dir.write(name, "x");
+    }
+    std::vector<qn::CopiedItem> copied;
+    ASSERT_TRUE(qn::copyItemTree(dir.urlOf("src"), dir.urlOf("dst"), nullptr, &error, &copied))
+        << error.description();
+    dir.write("src/sub/new", "n");
+    dir.write("replacement", "r");
+    std::filesystem::rename(dir.pathOf("replacement"), dir.pathOf("src/replaced"));
+    EXPECT_TRUE(
+        failed(qn::removeCopiedItems(dir.pathOf("src"), copied, qn::CopySide::Source, &error),
+               qn::NSFileWriteUnknownError, ENOTEMPTY, dir.pathOf("src/sub")));
+    EXPECT_EQ(manager->subpathsOfDirectoryAtPath(dir.pathOf("src")),
+              (Strings{"replaced", "sub", "sub/new"}));
+    EXPECT_EQ(dir.read("src/replaced"), "r");
 }
 
 TEST_F(FileManagerTest, CopyAsksTheDelegateParentFirstAndLeavesDeclinedSubtreesOut) {
@@ -418,6 +485,15 @@ TEST_F(FileManagerTest, ReplaceSwapsInPlaceAndKeepsABackupOnlyWhenAsked) {
     EXPECT_EQ(dir.read("fresh.txt"), "f");
     EXPECT_TRUE(failed(replace("fresh.txt", "staging/gone", ""), qn::NSFileNoSuchFileError));
     EXPECT_EQ(dir.read("fresh.txt"), "f");
+
+    // Permissions carry over only to an item of the original's type.
+    dir.write("kind", "");
+    ASSERT_EQ(::chmod(dir.mkdir("staging/kind").c_str(), 0750), 0);
+    ASSERT_TRUE(replace("kind", "staging/kind", "")) << error.description();
+    EXPECT_EQ(permissions("kind"), 0750u);
+    ASSERT_EQ(::chmod(dir.write("staging/kind", "").c_str(), 0640), 0);
+    ASSERT_TRUE(replace("kind", "staging/kind", "")) << error.description();
+    EXPECT_EQ(permissions("kind"), 0640u);
 }
 
 TEST_F(FileManagerTest, MoveAndReplaceWorkAcrossFileSystems) {
@@ -443,7 +519,16 @@ TEST_F(FileManagerTest, MoveAndReplaceWorkAcrossFileSystems) {
         << error.description();
     EXPECT_EQ(dir.read("tree/doc.txt"), "from elsewhere");
     EXPECT_FALSE(other.exists("replacement"));
-    EXPECT_EQ(manager->contentsOfDirectoryAtPath(dir.pathOf("tree")), (Strings{"doc.txt", "link"}));
+    // The staged copy's temporary name must fit beside a name as long as this one.
+    const std::string longName(240, 'l');
+    dir.write("tree/" + longName, "old");
+    other.write("long", "new");
+    ASSERT_TRUE(manager->replaceItemAtURL(dir.urlOf("tree/" + longName), other.urlOf("long"), "", 0,
+                                          nullptr, &error))
+        << error.description();
+    EXPECT_EQ(dir.read("tree/" + longName), "new");
+    EXPECT_EQ(manager->contentsOfDirectoryAtPath(dir.pathOf("tree")),
+              (Strings{"doc.txt", "link", longName}));
 }
 
 TEST_F(FileManagerTest, ListingsAndEnumeratorsGoInByteOrderAndNeverFollowLinks) {
