@@ -1,14 +1,8 @@
 #include "QNiCloudCachePaths.h"
 
-#include <unicode/bytestream.h>
-#include <unicode/normalizer2.h>
-#include <unicode/stringpiece.h>
-#include <unicode/utypes.h>
-
 #include <array>
 #include <bit>
 #include <cstring>
-#include <limits>
 #include <string>
 
 #include "qn/util/PathNormalization.h"
@@ -191,24 +185,7 @@ bool isFastComposed(std::string_view text) {
 }
 
 std::string composedNFC(std::string_view text) {
-    if (isFastComposed(text) ||
-        text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
-        return std::string(text);
-    }
-    static const icu::Normalizer2* const normalizer = [] {
-        UErrorCode status = U_ZERO_ERROR;
-        const icu::Normalizer2* instance = icu::Normalizer2::getNFCInstance(status);
-        return U_SUCCESS(status) ? instance : nullptr;
-    }();
-    if (normalizer == nullptr) {
-        return std::string(text);
-    }
-    std::string result;
-    icu::StringByteSink<std::string> sink(&result, static_cast<int32_t>(text.size()));
-    UErrorCode status = U_ZERO_ERROR;
-    normalizer->normalizeUTF8(0, icu::StringPiece(text.data(), static_cast<int32_t>(text.size())),
-                              sink, nullptr, status);
-    return U_SUCCESS(status) ? result : std::string(text);
+    return isFastComposed(text) ? std::string(text) : qn::composedNFC(text);
 }
 
 bool isPlainComponent(std::string_view name) {

@@ -1,49 +1,10 @@
 #include "QNiCloud/QNiCloudExtensions.h"
 
-#include <unicode/bytestream.h>
-#include <unicode/normalizer2.h>
-#include <unicode/stringpiece.h>
-#include <unicode/utypes.h>
-
-#include <algorithm>
-#include <cstdint>
-#include <limits>
 #include <string_view>
 
 #include "qn/FileAttributes.h"
 #include "qn/MetadataAttributes.h"
-
-namespace {
-
-const icu::Normalizer2* nfcNormalizer() {
-    static const icu::Normalizer2* const instance = [] {
-        UErrorCode status = U_ZERO_ERROR;
-        const icu::Normalizer2* normalizer = icu::Normalizer2::getNFCInstance(status);
-        return U_SUCCESS(status) ? normalizer : nullptr;
-    }();
-    return instance;
-}
-
-// `text` in NFC and nothing else: the path utilities also standardise, which would change the
-// spelling of a reported path beyond its composition. ASCII text is already composed. Should ICU
-// fail, the text is kept as reported.
-std::string composedNFC(std::string_view text) {
-    const bool ascii = std::all_of(text.begin(), text.end(),
-                                   [](char c) { return static_cast<unsigned char>(c) < 0x80; });
-    const icu::Normalizer2* normalizer = nfcNormalizer();
-    if (ascii || normalizer == nullptr ||
-        text.size() > static_cast<std::size_t>(std::numeric_limits<int32_t>::max())) {
-        return std::string(text);
-    }
-    std::string result;
-    icu::StringByteSink<std::string> sink(&result, static_cast<int32_t>(text.size()));
-    UErrorCode status = U_ZERO_ERROR;
-    normalizer->normalizeUTF8(0, icu::StringPiece(text.data(), static_cast<int32_t>(text.size())),
-                              sink, nullptr, status);
-    return U_SUCCESS(status) ? result : std::string(text);
-}
-
-}  // namespace
+#include "qn/util/PathNormalization.h"
 
 const qn::Value* QNiCloudExtensions::valueFor(const char* name) const {
     const qn::Value* value = item_.valueForAttribute(name);
@@ -107,7 +68,8 @@ std::optional<std::string> QNiCloudExtensions::path() const {
     if (value == nullptr || value->stringValue() == nullptr) {
         return std::nullopt;
     }
-    return composedNFC(*value->stringValue());
+    // Composed only: standardising would change the reported spelling beyond its composition.
+    return qn::composedNFC(*value->stringValue());
 }
 
 std::optional<qn::Value> QNiCloudExtensions::fsSize() const {

@@ -382,6 +382,10 @@ std::string stringByNormalizingPath(std::string_view path, unsigned options) {
     return stringByStandardizingPath(composed(path));
 }
 
+std::string composedNFC(std::string_view text) {
+    return composed(text);
+}
+
 std::string lowercasePath(std::string_view text) {
     return lowercased(text);
 }

@@ -31,6 +31,11 @@ inline constexpr unsigned QNPathNormalizationStandard = 4;
 std::string stringByNormalizingPath(std::string_view path,
                                     unsigned options = QNPathNormalizationStandard);
 
+/// `text` composed to NFC and otherwise as given (not standardised), for text whose exact
+/// spelling matters beyond its composition. A component without non-ASCII bytes never reaches
+/// ICU; should ICU fail, `text` is returned as given.
+std::string composedNFC(std::string_view text);
+
 /// `text` lower-cased by full Unicode case mapping in the root locale (so "İ" -> "i̇" and "Σ" at a
 /// word's end -> "ς", in any process locale). Not normalised: see lowercaseNFC.
 std::string lowercasePath(std::string_view text);
