@@ -110,6 +110,12 @@ public:
         metadataItem_ = std::move(metadataItem);
     }
 
+    /// The number of the last cache comparison that found the entry accounted for by a query
+    /// result (0: none yet). The presenter's comparison stamps entries instead of collecting
+    /// their paths; nothing else reads it.
+    std::uint32_t comparisonRun() const noexcept { return comparisonRun_; }
+    void setComparisonRun(std::uint32_t run) noexcept { comparisonRun_ = run; }
+
     /// True when `firstChild` is set.
     bool hasChildren() const noexcept { return firstChild_ != nullptr; }
     /// True when the entry has no snapshot: a package, which has one, counts as a file.
@@ -127,12 +133,13 @@ public:
 private:
     friend class QNiCloudCache;
 
-    // Links and snapshot first, the name last: 104 bytes, so that an entry and its reference
-    // counts fill one 128-byte allocation.
+    // Links and snapshot first, then the name and the stamp: 112 bytes, so that an entry and its
+    // reference counts fill one 128-byte allocation.
     std::weak_ptr<QNiCloudCacheEntry> parent_;
     std::shared_ptr<QNiCloudCacheEntry> firstChild_;
     std::shared_ptr<QNiCloudCacheEntry> next_;
     std::weak_ptr<QNiCloudCacheEntry> prev_;
     std::shared_ptr<QNiCloudMetadataItem> metadataItem_;
     qn::detail::QNiCloudCacheEntryName name_;
+    std::uint32_t comparisonRun_ = 0;
 };

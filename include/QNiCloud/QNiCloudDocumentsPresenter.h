@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "QNiCloud/QNiCloud.h"
+#include "qn/Error.h"
 #include "qn/FileCoordinator.h"
 #include "qn/FilePresenter.h"
 #include "qn/FileVersion.h"
@@ -26,6 +27,7 @@
 #include "qn/OperationQueue.h"
 #include "qn/URL.h"
 #include "qn/UbiquityIdentityToken.h"
+#include "qn/Value.h"
 
 class QNiCloudCache;
 class QNiCloudMetadataItem;
@@ -243,11 +245,133 @@ public:
         const qn::URL& url,
         const std::vector<std::shared_ptr<qn::FileVersion>>& usingUresolvedConflictVersions);
 
-    // Cache query lifecycle.
+    // The cache query: one live metadata query over the Documents scope keeps the cache in step
+    // with the cloud. Its notifications arrive on the main thread and only queue work; the work
+    // (filling, comparing) runs on `presentedItemOperationQueue`.
 
+    /// Queues the set-up of the live query on the presenter's queue. Refused, with an info line,
+    /// while a query exists or a set-up is under way. The set-up gives up quietly without an
+    /// account, when not registered for file changes or when cancelled; otherwise it sets the
+    /// container up, makes the query and has the main thread register for its notifications and
+    /// start it. Any thread.
     void startCacheQuery();
+    /// Stops and drops the live query on the main thread (waiting for it from any other thread);
+    /// nothing without a query. Must not be called while holding `_cacheQueryLock` elsewhere.
     void stopCacheQuery();
+    /// Empties the cache and marks it not initialised, then queues QNiCloudDidClearCacheNotification.
     void clearCache();
+    /// Observes the three gathering and update notifications of `query` (main thread).
+    void registerForNotificationsWithQuery(const std::shared_ptr<QNiCloudMetadataQuery>& query);
+    void unregisterFromNotificationsWithQuery(const std::shared_ptr<QNiCloudMetadataQuery>& query);
+    /// Freeze and thaw the live query's results (nothing without a query); every work unit
+    /// brackets its reading of the results with them.
+    void disableCacheQueryUpdates();
+    void enableCacheQueryUpdates();
+    /// Gathering-progress and update notifications of the live query (main thread): queue a fill
+    /// while the cache is not initialised, a comparison afterwards. Notifications of another
+    /// query are logged and ignored; those of a stopped query, or arriving while not registered
+    /// for file changes, are ignored quietly.
+    void metadataQueryDidUpdate(const qn::Notification& notification);
+    /// The end of the first gathering (main thread): queues the initialisation sequence (fill,
+    /// silent comparison, initialised flag, initial downloads, items found only on disk, then
+    /// QNiCloudCacheInitializedNotification unless cancelled).
+    void metadataQueryDidFinishGathering(const qn::Notification& notification);
+    /// Hands every cached item that `shouldStartDownloadForItemAtURL` accepts to the downloads
+    /// manager, until `outerOperation` is cancelled.
+    void startInitialDownloadWithOuterOperation(const qn::OuterOperation& outerOperation);
+    /// Blocks the calling thread, looking every 0.5 seconds, until the cache is initialised; no
+    /// time-out. Never call it on the presenter's queue before initialisation: the
+    /// initialisation would wait behind it for good.
+    void ensureCacheInitialized();
+
+    // Filling and comparing (on the presenter's queue, inside a unit that has frozen the query's
+    // results). Each stops at the next item once `outerOperation` is cancelled; an empty outer
+    // operation is never cancelled. Per-file notifications are posted only when `notify` is true
+    // and the outer operation is not cancelled.
+
+    /// Adds the results from the resume index on to the cache without comparing them (items
+    /// outside the Documents directory skipped, broken files evicted instead), stores where it
+    /// stopped, and with `notify` queues QNiCloudDidUpdateCacheNotification with the count.
+    void fillCacheWithNewCacheQueryResultsOuterOperation(const qn::OuterOperation& outerOperation,
+                                                         bool notifyAboutChanges);
+    /// Compares every result with the cache: changed items are updated (a conflict flag that the
+    /// check corrects is told as a second change), new ones added (broken files evicted, items
+    /// in no transfer state at all skipped), and cached items the results no longer have are
+    /// removed once nothing is left of them on disk.
+    ///
+    /// Deliberate departure: the cached items no result accounts for are looked for in the
+    /// cached Documents tree, by their absolute paths. The design walks the cache from the
+    /// container's own path, which a cache of the Documents directory has no entry for, so no
+    /// removal would ever be found.
+    void updateCacheWithCacheQueryResultsOuterOperation(const qn::OuterOperation& outerOperation,
+                                                        bool notifyAboutChanges);
+    /// Adds the items below the Documents directory that exist on disk (packages' insides
+    /// included) but have no cache entry, as downloaded and uploaded; plain folders without a
+    /// snapshot.
+    void fillCacheWithExistingItemsWhichAreNotPresentInCacheQueryResultsOuterOperation(
+        const qn::OuterOperation& outerOperation);
+
+    // Cache upkeep after the library's own file operations, on the thread that made them. Paths
+    // are absolute; only items in (or moved into) the Documents directory touch the cache, and
+    // nothing is posted.
+
+    bool containsCacheEntryForItemAtPath(std::string_view path);
+    /// Moves the entry; removes it when it left the Documents directory; builds it (a directory
+    /// with its whole subtree) from the destination on disk when it came in from outside.
+    void updateCacheAfterMovingOfItemAtPath(std::string_view path, std::string_view toPath);
+    /// Copies the entry, or builds it from the source on disk when the source is outside.
+    void updateCacheAfterCopyingOfItemAtPath(std::string_view path, std::string_view toPath);
+    /// A file or package gets a snapshot (downloaded, not uploaded); a plain folder none.
+    void updateCacheAfterCreationOfItemAtPath(std::string_view path);
+    void updateCacheAfterCreationOfItemAtPath(std::string_view path, bool isFileOrPackage);
+    /// Marks the item not uploaded and takes its new modification date from disk (logged when
+    /// unreadable).
+    void updateCacheAfterUpdateOfItemAtPath(std::string_view path);
+    void updateCacheAfterRemovalOfItemAtPath(std::string_view path);
+    void updateCacheAfterRemovalOfItemsAtPaths(const std::vector<std::string>& paths);
+    /// Logs a warning and asks the platform to evict the item, whose metadata says downloaded
+    /// while nothing is on disk; a failure is logged. The cache is not touched.
+    void handleBrokenFileAtPath(std::string_view path);
+    /// True exactly when nothing exists at `path` on the local disk.
+    bool checkIfFileReallyDoesNotExistIniCloudAtPath(std::string_view path);
+    /// Evicts each item in order; stops at the first failure, which fills `error`. True for an
+    /// empty list. The cache is left to the query.
+    bool evictUbiquitousItemsAtURLs(const std::vector<qn::URL>& urls, qn::Error* error = nullptr);
+
+    // Metadata questions. Any thread.
+
+    /// The cached snapshot itself once the cache is initialised (null without entry); before, a
+    /// new snapshot of the item from disk and the platform. Null for an empty path or one
+    /// outside the Documents directory.
+    std::shared_ptr<QNiCloudMetadataItem> metadataItemForURL(const qn::URL& url);
+    std::shared_ptr<QNiCloudMetadataItem> metadataItemForPath(std::string_view path);
+    /// Sets the cached item's field that `type` selects (1 downloaded, 2 downloading, 3 percent
+    /// downloaded, 4 uploaded, 5 uploading, 6 percent uploaded, 7 and 8 conflicts, 9 content
+    /// change date) to `value` and, when it changed and `notify` is true, posts the file change
+    /// with `type` (synchronously, on the main thread). A path without entry, another type, or
+    /// a value of the wrong kind changes nothing.
+    void updateMetadataItemForURL(const qn::URL& url, const qn::Value& value,
+                                  QNiCloudFileChangeType type, bool notify);
+    void updateMetadataItemForPath(std::string_view path, const qn::Value& value,
+                                   QNiCloudFileChangeType type, bool notify);
+    /// Anything outside the Documents directory counts as downloaded. Inside, the cached state
+    /// once initialised, the platform's downloading status before.
+    bool isFileDownloadedAtPath(std::string_view path);
+    bool isFileDownloadedAtURL(const qn::URL& url);
+    /// True when every file below the directory is downloaded, false for a directory without
+    /// files. Waits until the cache is initialised (see `ensureCacheInitialized`).
+    bool isDirectoryDownloadedAtPath(std::string_view path);
+    bool isDirectoryDownloadedAtURL(const qn::URL& url);
+    /// Whether the library should download the item on its own: never for an item that is
+    /// downloaded, downloading or not yet uploaded; otherwise files and packages whose extension
+    /// (in lower case) `extensionsAllowedForAutomaticDownload` allows, or have none.
+    bool shouldStartDownloadForItemAtURL(const qn::URL& url);
+    bool shouldStartDownloadForItemAtURL(const qn::URL& url,
+                                         const QNiCloudMetadataItem* withMetadataItem);
+    /// Asks the downloads manager to download the item. The downloads manager is not built yet:
+    /// for now the request is only logged at debug level, and the cache's automatic downloads
+    /// (initial pass, uploads that finished) end here too.
+    void downloadItemAtURL(const qn::URL& url);
 
     // Properties.
 
@@ -301,6 +425,10 @@ public:
     std::optional<qn::URL> presentedItemURL() const override;
     /// The presenter's serial queue (one operation at a time).
     std::shared_ptr<qn::OperationQueue> presentedItemOperationQueue() const override;
+    /// Another process or coordinator changed `url`: when the item is cached and gone from disk,
+    /// its entry is removed and QNiCloudFileWasRemovedNotification posted. Items that still
+    /// exist are left to the query. Runs on the presenter's queue.
+    void presentedSubitemDidChangeAtURL(const qn::URL& url) override;
 
 private:
     struct Private {
@@ -321,12 +449,39 @@ private:
     /// present account, starts the cache query.
     void restartAfterAccountChange(QNiCloudAccountState state);
     void postQueued(qn::Notification notification);
+    /// After a repair of the container's location: once the queue has drained (the set-up unit
+    /// that found the new location may be among the cancelled work), starts the query again.
+    void restartCacheQueryWhenIdle();
+
+    // The cache query's own steps.
+
+    /// Queues `work` on the presenter's queue in a block operation of its own, with the priority
+    /// `updatePriorityForOperation` gives; the work gets the operation as outer operation.
+    void enqueueCacheWork(
+        std::function<void(QNiCloudDocumentsPresenter&, const qn::OuterOperation&)> work);
+    /// The set-up unit that `startCacheQuery` queues for set-up number `setup`.
+    void setUpCacheQuery(std::uint64_t setup, const qn::OuterOperation& outerOperation);
+    /// Ends set-up number `setup`, if it is still the one under way.
+    void endCacheQuerySetup(std::uint64_t setup);
+    /// The unit queued at the end of the first gathering.
+    void initializeCache(const qn::OuterOperation& outerOperation);
+    std::shared_ptr<QNiCloudMetadataQuery> cacheQuery();
+    /// A new number for a comparison run, never 0.
+    std::uint32_t nextComparisonRun();
+    /// Runs `change(QNiCloudCache&)` under `_cacheLock`, logging (instead of throwing) an index
+    /// the cache's hash collisions make refuse a change.
+    template <class Change>
+    void changeCache(std::string_view path, Change&& change);
+
+    /// The key of the query's user info holding the fill's resume index, spelled as it always was.
+    static constexpr const char* kCacheQueryResumeIndexKey = "CurrentIdnex";
 
     // Fields, as the other units of the presenter use them.
 
     std::recursive_mutex _cacheQueryLock;
     std::shared_ptr<QNiCloudMetadataQuery> _cacheQuery;  // guarded by _cacheQueryLock
     bool _performingCacheQuerySetup = false;             // guarded by _cacheQueryLock
+    std::uint64_t _cacheQuerySetup = 0;  // number of the last set-up; guarded by _cacheQueryLock
     std::recursive_mutex _cacheLock;
     std::optional<qn::UbiquityIdentityToken> _tag;  // guarded by _tagLock
     mutable std::recursive_mutex _tagLock;
@@ -337,6 +492,7 @@ private:
     std::atomic<double> _threadPriority{0.5};
     std::atomic<double> _cacheUpdatesInterval{1.0};
     std::atomic<std::uint64_t> _maxSimultaneousFileDownloadsCount{3};
+    std::atomic<std::uint32_t> _comparisonRun{0};
 
     // Guards the properties below, which are whole values read and replaced from any thread. A
     // leaf lock: nothing but making the cache runs while it is held.

@@ -66,6 +66,9 @@ public:
         const QNiCloudMetadataItem* item);
 
     QNiCloudMetadataItem() = default;
+    /// The snapshot `metadataItemWithMetadataItem(item, false)` makes, as a value: for reading a
+    /// result without allocating.
+    explicit QNiCloudMetadataItem(const qn::MetadataItem& item);
     QNiCloudMetadataItem(const QNiCloudMetadataItem&) = delete;
     QNiCloudMetadataItem& operator=(const QNiCloudMetadataItem&) = delete;
 

@@ -9,7 +9,8 @@
 namespace qn {
 
 /// What a notification centre delivers: a name, an optional sender and a user-info dictionary.
-/// A value; the sender is kept alive while the notification exists.
+/// A value that holds its sender strongly: a host that keeps a notification (or a copy) keeps
+/// the sender, a presenter for instance, alive until it lets the notification go.
 struct Notification {
     std::string name;
     std::shared_ptr<Object> object;

@@ -108,13 +108,15 @@ struct SimulatedItemState {
 /// What `setItem` and `removeItem` do with the item's local copy.
 enum class SimulatedLocalCopy {
     /// Write the cloud's contents when the item counts as downloaded, remove the local copy
-    /// when it does not.
+    /// when it does not. Either way the folders above the item exist afterwards, as a sync
+    /// daemon keeps every item's folders on the disk.
     FollowStatus,
     /// Write the cloud's contents (creating missing directories), whatever the status says.
     Write,
     /// Leave the disk as it is, for states the test writes itself (an outdated local copy).
     Keep,
-    /// Remove the local copy (a folder with everything in it), whatever the status says.
+    /// Remove the local copy (a folder with everything in it), whatever the status says; the
+    /// folders above it exist afterwards (in `setItem`).
     Remove,
 };
 

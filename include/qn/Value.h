@@ -89,8 +89,11 @@ public:
     std::optional<std::uint64_t> uint64Value() const noexcept;
     std::optional<double> doubleValue() const noexcept;
 
-    /// Equal when the type and the content are equal (errors by content, a NaN never equal).
-    /// Numbers of different types are never equal: 1 (Int64) != 1u (UInt64) != 1.0 != true.
+    /// Numbers (bool, signed, unsigned, double) are equal when they stand for the same value,
+    /// whatever their kinds, as the platform's number objects compare: 1 == 1u == 1.0 == true,
+    /// -1 != UINT64_MAX, 2^53 + 1 != 2^53 as a double, and NaN equals nothing. Each value keeps
+    /// its kind for what is stored and read back. Other values are equal when the type and the
+    /// content are equal (errors by content).
     friend bool operator==(const Value& lhs, const Value& rhs) noexcept;
 
     /// For logs: "<null>", "true"/"false", the number, the string as is, the date's and the

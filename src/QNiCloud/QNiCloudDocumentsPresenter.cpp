@@ -234,13 +234,22 @@ bool QNiCloudDocumentsPresenter::setupiCloudContainerIfSafeAndNecessary() {
             stopCacheQuery();
             _presentedItemOperationQueue->cancelAllOperations();
             clearCache();
-            startCacheQuery();
+            restartCacheQueryWhenIdle();
         }
     }
     createDefaultDirectories();
     setContainerInitialized(true);
     notifyDidInitializeContainerWithURL(containerURL());
     return true;
+}
+
+void QNiCloudDocumentsPresenter::restartCacheQueryWhenIdle() {
+    // Started at once, the query would be refused while this set-up runs inside the query's own
+    // set-up unit, which the cancellation above then ends without a query.
+    qn::DispatchQueue::global(qn::QualityOfService::UserInitiated).async([presenter = self()] {
+        presenter->_presentedItemOperationQueue->waitUntilAllOperationsAreFinished();
+        presenter->startCacheQuery();
+    });
 }
 
 void QNiCloudDocumentsPresenter::createDefaultDirectories() {

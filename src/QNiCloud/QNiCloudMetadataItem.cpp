@@ -41,40 +41,45 @@ qn::Logger& QNiCloudMetadataItem::l4Logger() {
     return logger;
 }
 
+QNiCloudMetadataItem::QNiCloudMetadataItem(const qn::MetadataItem& item) {
+    const QNiCloudExtensions source(item);
+    const auto size = source.fsSize();
+    contentSize_ = size ? size->uint64Value().value_or(0) : 0;
+    isDownloaded_ = source.isDownloaded();
+    fsContentChangeDate_ = source.fsContentChangeDate();
+    // A query can still report progress for an item it already calls downloaded; the snapshot
+    // must not, or the comparison would see a download that is over.
+    if (isDownloaded_) {
+        isDownloading_ = false;
+        percentDownloaded_ = 100.0;
+    } else {
+        isDownloading_ = source.isDownloading();
+        percentDownloaded_ = source.percentDownloaded();
+    }
+    isUploaded_ = source.isUploaded();
+    if (isUploaded_) {
+        isUploading_ = false;
+        percentUploaded_ = 100.0;
+    } else {
+        isUploading_ = source.isUploading();
+        percentUploaded_ = source.percentUploaded();
+    }
+    setHasUnresolvedConflicts(source.hasUnresolvedConflicts());
+    // The file name stays unset: query results are identified by their path, not their name.
+}
+
 std::shared_ptr<QNiCloudMetadataItem> QNiCloudMetadataItem::metadataItemWithMetadataItem(
     const std::shared_ptr<const qn::MetadataItem>& item,
     bool doubleCheckHasUnresolvedConflictsFlag) {
     if (item == nullptr) {
         return nullptr;
     }
-    const QNiCloudExtensions source(*item);
-    auto result = std::make_shared<QNiCloudMetadataItem>();
-    const auto size = source.fsSize();
-    result->contentSize_ = size ? size->uint64Value().value_or(0) : 0;
-    result->isDownloaded_ = source.isDownloaded();
-    result->fsContentChangeDate_ = source.fsContentChangeDate();
-    // A query can still report progress for an item it already calls downloaded; the snapshot
-    // must not, or the comparison would see a download that is over.
-    if (result->isDownloaded_) {
-        result->isDownloading_ = false;
-        result->percentDownloaded_ = 100.0;
-    } else {
-        result->isDownloading_ = source.isDownloading();
-        result->percentDownloaded_ = source.percentDownloaded();
-    }
-    result->isUploaded_ = source.isUploaded();
-    if (result->isUploaded_) {
-        result->isUploading_ = false;
-        result->percentUploaded_ = 100.0;
-    } else {
-        result->isUploading_ = source.isUploading();
-        result->percentUploaded_ = source.percentUploaded();
-    }
-    result->setHasUnresolvedConflicts(source.hasUnresolvedConflicts());
+    auto result = std::make_shared<QNiCloudMetadataItem>(*item);
     if (doubleCheckHasUnresolvedConflictsFlag && result->hasUnresolvedConflicts()) {
         // The query reports a conflict as soon as a version is stored, even a duplicate of the
         // file; the presenter's check removes those and has the last word. Without a presenter
         // or a location to ask about, the query's word stands.
+        const QNiCloudExtensions source(*item);
         const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter();
         auto url = source.URL();
         if (!url) {
@@ -87,7 +92,6 @@ std::shared_ptr<QNiCloudMetadataItem> QNiCloudMetadataItem::metadataItemWithMeta
                 presenter->checkIfItemAtURLHasUnresolvedConflicts(*url, true));
         }
     }
-    // The file name stays unset: query results are identified by their path, not their name.
     return result;
 }
 

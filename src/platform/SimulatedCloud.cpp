@@ -104,6 +104,8 @@ void applyLocalCopy(SimulatedLocalCopy localCopy, const std::string& path,
         throwIfFailed(writeContents(path, state), "cannot write " + path);
     } else if (localCopy == SimulatedLocalCopy::Remove || follow) {
         throwIfFailed(simulated::removeLocalCopy(path), "cannot remove " + path);
+        // Only the item goes: its folders are on the disk whether it is downloaded or not.
+        throwIfFailed(simulated::createParentDirectories(path), "cannot create folders of " + path);
     }
 }
 

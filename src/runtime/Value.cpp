@@ -110,7 +110,71 @@ std::optional<double> Value::doubleValue() const noexcept {
     return convertNumber<double>(storage_, [](auto value) { return static_cast<double>(value); });
 }
 
+namespace {
+
+// A number as the exact value it stands for: an integer (with its sign kept apart, so that every
+// int64 and uint64 fits) or a double. Bool counts as the integer 0 or 1.
+struct ExactNumber {
+    bool isDouble = false;
+    bool negative = false;
+    std::uint64_t magnitude = 0;
+    double real = 0.0;
+};
+
+ExactNumber exactNumber(const Value& value) {
+    ExactNumber number;
+    switch (value.type()) {
+        case Value::Type::Double:
+            number.isDouble = true;
+            number.real = *value.doubleValue();
+            break;
+        case Value::Type::Int64: {
+            const std::int64_t integer = *value.int64Value();
+            number.negative = integer < 0;
+            // Two's complement negation in unsigned arithmetic: also right for INT64_MIN.
+            number.magnitude = number.negative ? 0 - static_cast<std::uint64_t>(integer)
+                                               : static_cast<std::uint64_t>(integer);
+            break;
+        }
+        default:  // Bool and UInt64
+            number.magnitude = *value.uint64Value();
+            break;
+    }
+    return number;
+}
+
+bool integerEqualsDouble(const ExactNumber& integer, double real) {
+    // 2^64: every double at or beyond it is out of any integer's reach, and the conversion
+    // below is defined only inside it.
+    constexpr double kTwoTo64 = 18446744073709551616.0;
+    const double magnitude = integer.negative ? -real : real;
+    if (!(magnitude >= 0.0) || magnitude >= kTwoTo64 || magnitude != std::trunc(magnitude)) {
+        return false;  // NaN, the wrong sign, too large, or not whole
+    }
+    return static_cast<std::uint64_t>(magnitude) == integer.magnitude;
+}
+
+bool numbersEqual(const Value& lhs, const Value& rhs) {
+    const ExactNumber left = exactNumber(lhs);
+    const ExactNumber right = exactNumber(rhs);
+    if (left.isDouble && right.isDouble) {
+        return left.real == right.real;
+    }
+    if (left.isDouble) {
+        return integerEqualsDouble(right, left.real);
+    }
+    if (right.isDouble) {
+        return integerEqualsDouble(left, right.real);
+    }
+    return left.negative == right.negative && left.magnitude == right.magnitude;
+}
+
+}  // namespace
+
 bool operator==(const Value& lhs, const Value& rhs) noexcept {
+    if (lhs.isNumber() && rhs.isNumber()) {
+        return numbersEqual(lhs, rhs);
+    }
     if (lhs.type() != rhs.type()) {
         return false;
     }

@@ -56,11 +56,21 @@ TEST(ValueTest, NumbersConvertLikeNSNumberAndOtherKindsAnswerNothing) {
     EXPECT_EQ(Value(5).stringValue(), nullptr);
 }
 
-TEST(ValueTest, EqualityIsExact) {
-    EXPECT_NE(Value(1), Value(1u));
-    EXPECT_NE(Value(1), Value(1.0));
-    EXPECT_NE(Value(1), Value(true));
+TEST(ValueTest, NumbersCompareByValueAcrossKinds) {
+    EXPECT_EQ(Value(1), Value(1u));
+    EXPECT_EQ(Value(1u), Value(1.0));
+    EXPECT_EQ(Value(true), Value(std::int32_t{1}));
+    EXPECT_EQ(Value(false), Value(0.0));
+    EXPECT_EQ(Value(-2), Value(-2.0));
+    EXPECT_EQ(Value(std::numeric_limits<std::int64_t>::min()), Value(-9223372036854775808.0));
+    EXPECT_NE(Value(-1), Value(std::numeric_limits<std::uint64_t>::max()));
+    EXPECT_NE(Value(1), Value(1.5));
+    EXPECT_NE(Value(-1), Value(1u));
+    EXPECT_NE(Value(std::uint64_t{1} << 53 | 1), Value(9007199254740992.0));
+    EXPECT_NE(Value(std::numeric_limits<std::uint64_t>::max()), Value(18446744073709551616.0));
     EXPECT_NE(Value(std::nan("")), Value(std::nan("")));
+    EXPECT_NE(Value(0), Value("0"));
+    EXPECT_EQ(Value(1u).type(), Value::Type::UInt64);
     // Errors compare by content, not by the shared copy they live in.
     EXPECT_EQ(Value(qn::Error("D", 1, {{"k", 2}})), Value(qn::Error("D", 1, {{"k", 2}})));
     EXPECT_NE(Value(qn::Error("D", 1, {{"k", 2}})), Value(qn::Error("D", 1, {{"k", 3}})));
@@ -90,8 +100,10 @@ TEST(DictionaryTest, LookupsReplaceAndErase) {
     EXPECT_EQ(dictionary.description(), "{name=file:///b, size=42}");
     EXPECT_EQ(dictionary,
               (qn::Dictionary{{"size", 42u}, {"name", qn::URL::fileURLWithPath("/b", false)}}));
+    EXPECT_EQ(dictionary,
+              (qn::Dictionary{{"size", 42.0}, {"name", qn::URL::fileURLWithPath("/b", false)}}));
     EXPECT_NE(dictionary,
-              (qn::Dictionary{{"size", 42}, {"name", qn::URL::fileURLWithPath("/b", false)}}));
+              (qn::Dictionary{{"size", 43}, {"name", qn::URL::fileURLWithPath("/b", false)}}));
 }
 
 }  // namespace

@@ -16,12 +16,6 @@
 namespace qn::simulated {
 namespace {
 
-int createParentDirectories(const std::string& path) {
-    std::error_code error;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
-    return error.value();
-}
-
 int writeFile(const std::string& path, std::string_view contents) {
     int fd = -1;
     do {
@@ -36,6 +30,12 @@ int writeFile(const std::string& path, std::string_view contents) {
 }
 
 }  // namespace
+
+int createParentDirectories(const std::string& path) {
+    std::error_code error;
+    std::filesystem::create_directories(std::filesystem::path(path).parent_path(), error);
+    return error.value();
+}
 
 int writeLocalCopy(const std::string& path, bool isDirectory, std::string_view contents,
                    Date modificationDate) {

@@ -19,6 +19,10 @@ int writeLocalCopy(const std::string& path, bool isDirectory, std::string_view c
 /// Removes whatever is at `path`, a directory with everything in it; nothing there is success.
 int removeLocalCopy(const std::string& path);
 
+/// Creates the missing directories above `path`, as a sync daemon keeps the folders of every
+/// item on the disk, downloaded or not.
+int createParentDirectories(const std::string& path);
+
 struct LocalItem {
     bool isDirectory = false;
     std::string contents;

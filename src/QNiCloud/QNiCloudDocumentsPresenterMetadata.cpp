@@ -1,0 +1,205 @@
+// The presenter's answers about one item's cloud state: its metadata, whether it (or everything
+// below a directory) is downloaded, whether the library should download it on its own, and the
+// one way to change a cached item's state ahead of the query.
+
+#include <mutex>
+#include <string>
+
+#include "QNiCloud/QNiCloudCache.h"
+#include "QNiCloud/QNiCloudDocumentsPresenter.h"
+#include "QNiCloud/QNiCloudMetadataItem.h"
+#include "qn/Error.h"
+#include "qn/FileAttributes.h"
+#include "qn/FileManager.h"
+#include "qn/util/Packages.h"
+#include "qn/util/PathNormalization.h"
+
+namespace {
+
+// The field a change type selects set to `value`; false when it already held it, or when the
+// type selects nothing or the value is of another kind.
+bool setField(QNiCloudMetadataItem& item, QNiCloudFileChangeType type, const qn::Value& value) {
+    const auto setBool = [&](bool current, void (QNiCloudMetadataItem::*setter)(bool)) {
+        const auto flag = value.boolValue();
+        if (!flag || *flag == current) {
+            return false;
+        }
+        (item.*setter)(*flag);
+        return true;
+    };
+    const auto setPercent = [&](double current, void (QNiCloudMetadataItem::*setter)(double)) {
+        const auto percent = value.doubleValue();
+        // Exact equality: any difference is news (and not-a-number always is).
+        if (!percent || *percent == current) {
+            return false;
+        }
+        (item.*setter)(*percent);
+        return true;
+    };
+    switch (type) {
+        case QNiCloudFileChangeDownloaded:
+            return setBool(item.isDownloaded(), &QNiCloudMetadataItem::setIsDownloaded);
+        case QNiCloudFileChangeDownloadingStarted:
+            return setBool(item.isDownloading(), &QNiCloudMetadataItem::setIsDownloading);
+        case QNiCloudFileChangeDownloadProgress:
+            return setPercent(item.percentDownloaded(), &QNiCloudMetadataItem::setPercentDownloaded);
+        case QNiCloudFileChangeUploaded:
+            return setBool(item.isUploaded(), &QNiCloudMetadataItem::setIsUploaded);
+        case QNiCloudFileChangeUploadingStarted:
+            return setBool(item.isUploading(), &QNiCloudMetadataItem::setIsUploading);
+        case QNiCloudFileChangeUploadProgress:
+            return setPercent(item.percentUploaded(), &QNiCloudMetadataItem::setPercentUploaded);
+        // Both conflict types write the value as given: 7 with false clears the flag.
+        case QNiCloudFileChangeConflictAppeared:
+        case QNiCloudFileChangeConflictResolved:
+            return setBool(item.hasUnresolvedConflicts(),
+                           &QNiCloudMetadataItem::setHasUnresolvedConflicts);
+        case QNiCloudFileChangeContentChanged: {
+            const qn::Date* date = value.dateValue();
+            if (date == nullptr || item.fsContentChangeDate() == *date) {
+                return false;
+            }
+            item.setFsContentChangeDate(*date);
+            return true;
+        }
+        default:
+            return false;
+    }
+}
+
+}  // namespace
+
+std::shared_ptr<QNiCloudMetadataItem> QNiCloudDocumentsPresenter::metadataItemForURL(
+    const qn::URL& url) {
+    return metadataItemForPath(url.path());
+}
+
+std::shared_ptr<QNiCloudMetadataItem> QNiCloudDocumentsPresenter::metadataItemForPath(
+    std::string_view path) {
+    if (path.empty() || !isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryPath(path)) {
+        return nullptr;
+    }
+    if (cacheInitialized()) {
+        const auto cache = this->cache();
+        std::lock_guard lock(_cacheLock);
+        const auto entry = cache != nullptr ? cache->entryForPath(path) : nullptr;
+        return entry != nullptr ? entry->metadataItem() : nullptr;
+    }
+    const auto uploaded = qn::FileManager::defaultManager()->resourceValue(
+        qn::URL::fileURLWithPath(path), qn::NSURLUbiquitousItemIsUploadedKey);
+    return QNiCloudMetadataItem::metadataItemWithPath(
+        path, isFileDownloadedAtPath(path), uploaded && uploaded->boolValue().value_or(false));
+}
+
+void QNiCloudDocumentsPresenter::updateMetadataItemForURL(const qn::URL& url,
+                                                          const qn::Value& value,
+                                                          QNiCloudFileChangeType type,
+                                                          bool notify) {
+    updateMetadataItemForPath(url.path(), value, type, notify);
+}
+
+void QNiCloudDocumentsPresenter::updateMetadataItemForPath(std::string_view path,
+                                                           const qn::Value& value,
+                                                           QNiCloudFileChangeType type,
+                                                           bool notify) {
+    if (path.empty()) {
+        return;
+    }
+    const std::string normalized = qn::stringByNormalizingPath(path);
+    bool changed = false;
+    if (const auto cache = this->cache()) {
+        std::lock_guard lock(_cacheLock);
+        const auto entry = cache->entryForPath(normalized);
+        if (const auto& item = entry != nullptr ? entry->metadataItem() : nullptr) {
+            changed = setField(*item, type, value);
+        }
+    }
+    if (changed && notify) {
+        notifyFileDidChangeAtNormalizedPath(normalized, type);
+    }
+}
+
+bool QNiCloudDocumentsPresenter::isFileDownloadedAtPath(std::string_view path) {
+    return !path.empty() && isFileDownloadedAtURL(qn::URL::fileURLWithPath(path));
+}
+
+bool QNiCloudDocumentsPresenter::isFileDownloadedAtURL(const qn::URL& url) {
+    if (!isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryURL(url)) {
+        return true;  // only the cloud's items can be missing
+    }
+    if (cacheInitialized()) {
+        // The cached item itself, read under the lock that guards its updates.
+        const auto cache = this->cache();
+        std::lock_guard lock(_cacheLock);
+        const auto entry = cache != nullptr ? cache->entryForPath(url.path()) : nullptr;
+        const auto& item = entry != nullptr ? entry->metadataItem() : nullptr;
+        return item != nullptr && item->isDownloaded();
+    }
+    setupiCloudContainerIfSafeAndNecessary();
+    const auto fileManager = qn::FileManager::defaultManager();
+    qn::Error error;
+    const auto status =
+        fileManager->resourceValue(url, qn::NSURLUbiquitousItemDownloadingStatusKey, &error);
+    if (status && !error) {
+        const std::string* text = status->stringValue();
+        return text != nullptr && *text == qn::NSURLUbiquitousItemDownloadingStatusCurrent;
+    }
+    qn::Error olderError;
+    const auto downloaded =
+        fileManager->resourceValue(url, "NSURLUbiquitousItemIsDownloadedKey", &olderError);
+    return downloaded && !olderError && downloaded->boolValue().value_or(false);
+}
+
+bool QNiCloudDocumentsPresenter::isDirectoryDownloadedAtPath(std::string_view path) {
+    ensureCacheInitialized();
+    bool downloaded = false;
+    const auto cache = this->cache();
+    if (cache == nullptr) {
+        return false;
+    }
+    std::lock_guard lock(_cacheLock);
+    cache->enumerateSubentriesOfEntryAtPath(path, [&](const QNiCloudCache::EntryPointer& entry) {
+        if (const auto& item = entry->metadataItem()) {
+            downloaded = item->isDownloaded();
+            return downloaded;
+        }
+        return true;  // a plain folder says nothing either way
+    });
+    return downloaded;
+}
+
+bool QNiCloudDocumentsPresenter::isDirectoryDownloadedAtURL(const qn::URL& url) {
+    return isDirectoryDownloadedAtPath(url.path());
+}
+
+bool QNiCloudDocumentsPresenter::shouldStartDownloadForItemAtURL(const qn::URL& url) {
+    return shouldStartDownloadForItemAtURL(url, nullptr);
+}
+
+bool QNiCloudDocumentsPresenter::shouldStartDownloadForItemAtURL(
+    const qn::URL& url, const QNiCloudMetadataItem* withMetadataItem) {
+    if (withMetadataItem != nullptr &&
+        (withMetadataItem->isDownloaded() || withMetadataItem->isDownloading() ||
+         !withMetadataItem->isUploaded())) {
+        return false;  // here already, on its way, or nothing in the cloud to fetch yet
+    }
+    const std::string extension = qn::lowercasePath(url.pathExtension());
+    const bool package = QNIsPackageFileURL(url);
+    const auto directoryValue =
+        qn::FileManager::defaultManager()->resourceValue(url, qn::NSURLIsDirectoryKey);
+    const bool plainFolder =
+        directoryValue && directoryValue->boolValue().value_or(false) && !package;
+    const auto allowed = extensionsAllowedForAutomaticDownload();
+    if (!allowed || allowed->empty()) {
+        return !plainFolder;
+    }
+    if (plainFolder) {
+        return false;
+    }
+    return extension.empty() || allowed->contains(extension);
+}
+
+void QNiCloudDocumentsPresenter::downloadItemAtURL(const qn::URL& url) {
+    // Until the downloads manager exists, a request ends here.
+    l4Logger().debug("Download of item at URL {} requested.", url);
+}
