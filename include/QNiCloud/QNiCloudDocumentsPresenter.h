@@ -258,7 +258,8 @@ public:
     /// Stops and drops the live query on the main thread (waiting for it from any other thread);
     /// nothing without a query. Must not be called while holding `_cacheQueryLock` elsewhere.
     void stopCacheQuery();
-    /// Empties the cache and marks it not initialised, then queues QNiCloudDidClearCacheNotification.
+    /// Empties the cache and marks it not initialised, then queues
+    /// QNiCloudDidClearCacheNotification.
     void clearCache();
     /// Observes the three gathering and update notifications of `query` (main thread).
     void registerForNotificationsWithQuery(const std::shared_ptr<QNiCloudMetadataQuery>& query);

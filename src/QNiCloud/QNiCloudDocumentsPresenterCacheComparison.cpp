@@ -181,9 +181,10 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
         }
         const qn::URL url = qn::URL::fileURLWithPath(path);
         if (cached) {
-            const auto fresh = reported.hasUnresolvedConflicts()
-                                   ? QNiCloudMetadataItem::metadataItemWithMetadataItem(result, true)
-                                   : reported.copy();
+            const auto fresh =
+                reported.hasUnresolvedConflicts()
+                    ? QNiCloudMetadataItem::metadataItemWithMetadataItem(result, true)
+                    : reported.copy();
             auto extraType = QNiCloudFileChangeNone;
             {
                 std::lock_guard lock(_cacheLock);
@@ -312,8 +313,8 @@ void QNiCloudDocumentsPresenter::
         }
         const auto attributes = enumerator->fileAttributes();
         const std::string* type = attributes ? attributes->stringForKey(qn::NSFileType) : nullptr;
-        const bool isFile = (type != nullptr && *type == qn::NSFileTypeRegular) ||
-                            QNIsPackageFilePath(path);
+        const bool isFile =
+            (type != nullptr && *type == qn::NSFileTypeRegular) || QNIsPackageFilePath(path);
         // Found on disk without a report: as far as anyone knows it is local and in the cloud.
         cache->createEntryAtPath(
             path, isFile ? QNiCloudMetadataItem::metadataItemWithPath(path, true, true) : nullptr);

@@ -62,15 +62,19 @@ void QNiCloudDocumentsPresenter::startCacheQuery() {
     // A unit cancelled before it runs is dropped without running; its claim on the set-up must
     // still end, or every later start would be refused.
     struct Claim {
-        std::weak_ptr<QNiCloudDocumentsPresenter> presenter;
-        std::uint64_t setup;
+        Claim(std::weak_ptr<QNiCloudDocumentsPresenter> presenter, std::uint64_t setup)
+            : presenter(std::move(presenter)), setup(setup) {}
+        Claim(const Claim&) = delete;
+        Claim& operator=(const Claim&) = delete;
         ~Claim() {
             if (const auto strong = presenter.lock()) {
                 strong->endCacheQuerySetup(setup);
             }
         }
+        std::weak_ptr<QNiCloudDocumentsPresenter> presenter;
+        std::uint64_t setup;
     };
-    auto claim = std::make_shared<Claim>(Claim{self(), setup});
+    auto claim = std::make_shared<Claim>(self(), setup);
     enqueueCacheWork([claim = std::move(claim)](QNiCloudDocumentsPresenter& presenter,
                                                 const qn::OuterOperation& outerOperation) {
         presenter.setUpCacheQuery(claim->setup, outerOperation);
@@ -209,19 +213,19 @@ void QNiCloudDocumentsPresenter::metadataQueryDidUpdate(const qn::Notification& 
     }
     // Chosen now: a fill queued before initialisation stays a fill even if it runs after it.
     if (cacheInitialized()) {
-        enqueueCacheWork([](QNiCloudDocumentsPresenter& presenter,
-                            const qn::OuterOperation& outerOperation) {
-            presenter.disableCacheQueryUpdates();
-            presenter.updateCacheWithCacheQueryResultsOuterOperation(outerOperation, true);
-            presenter.enableCacheQueryUpdates();
-        });
+        enqueueCacheWork(
+            [](QNiCloudDocumentsPresenter& presenter, const qn::OuterOperation& outerOperation) {
+                presenter.disableCacheQueryUpdates();
+                presenter.updateCacheWithCacheQueryResultsOuterOperation(outerOperation, true);
+                presenter.enableCacheQueryUpdates();
+            });
     } else {
-        enqueueCacheWork([](QNiCloudDocumentsPresenter& presenter,
-                            const qn::OuterOperation& outerOperation) {
-            presenter.disableCacheQueryUpdates();
-            presenter.fillCacheWithNewCacheQueryResultsOuterOperation(outerOperation, true);
-            presenter.enableCacheQueryUpdates();
-        });
+        enqueueCacheWork(
+            [](QNiCloudDocumentsPresenter& presenter, const qn::OuterOperation& outerOperation) {
+                presenter.disableCacheQueryUpdates();
+                presenter.fillCacheWithNewCacheQueryResultsOuterOperation(outerOperation, true);
+                presenter.enableCacheQueryUpdates();
+            });
     }
 }
 
@@ -238,10 +242,10 @@ void QNiCloudDocumentsPresenter::metadataQueryDidFinishGathering(
     }
     // Unlike updates, the end of gathering is acted on even from a stopped query or while not
     // registered: the queue's cancellation is what stops stale work.
-    enqueueCacheWork([](QNiCloudDocumentsPresenter& presenter,
-                        const qn::OuterOperation& outerOperation) {
-        presenter.initializeCache(outerOperation);
-    });
+    enqueueCacheWork(
+        [](QNiCloudDocumentsPresenter& presenter, const qn::OuterOperation& outerOperation) {
+            presenter.initializeCache(outerOperation);
+        });
 }
 
 void QNiCloudDocumentsPresenter::initializeCache(const qn::OuterOperation& outerOperation) {
@@ -292,8 +296,8 @@ void QNiCloudDocumentsPresenter::startInitialDownloadWithOuterOperation(
     const std::string& base = cache->cachedDirectoryPath();
     cache->enumerateSubpathsOfEntryAtPath(base, [&](std::optional<std::string_view> subpath) {
         if (subpath) {
-            const auto url = qn::URL::fileURLWithPath(qn::stringByAppendingPathComponent(base,
-                                                                                       *subpath));
+            const auto url =
+                qn::URL::fileURLWithPath(qn::stringByAppendingPathComponent(base, *subpath));
             if (shouldStartDownloadForItemAtURL(url)) {
                 downloadItemAtURL(url);
             }

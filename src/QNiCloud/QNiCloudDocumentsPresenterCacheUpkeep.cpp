@@ -39,7 +39,7 @@ bool QNiCloudDocumentsPresenter::containsCacheEntryForItemAtPath(std::string_vie
 }
 
 void QNiCloudDocumentsPresenter::updateCacheAfterMovingOfItemAtPath(std::string_view path,
-                                                                     std::string_view toPath) {
+                                                                    std::string_view toPath) {
     const bool sourceIn = isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryPath(path);
     const bool destinationIn = isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryPath(toPath);
     if (!sourceIn && !destinationIn) {
@@ -58,7 +58,7 @@ void QNiCloudDocumentsPresenter::updateCacheAfterMovingOfItemAtPath(std::string_
 }
 
 void QNiCloudDocumentsPresenter::updateCacheAfterCopyingOfItemAtPath(std::string_view path,
-                                                                      std::string_view toPath) {
+                                                                     std::string_view toPath) {
     if (!isiCloudDocumentsDirectorySubItemOrDocumentsDirectoryPath(toPath)) {
         return;
     }
@@ -84,7 +84,8 @@ void QNiCloudDocumentsPresenter::updateCacheAfterCreationOfItemAtPath(std::strin
     // A new local file is on disk and not yet in the cloud.
     auto item =
         isFileOrPackage ? QNiCloudMetadataItem::metadataItemWithPath(path, true, false) : nullptr;
-    changeCache(path, [&](QNiCloudCache& cache) { cache.createEntryAtPath(path, std::move(item)); });
+    changeCache(path,
+                [&](QNiCloudCache& cache) { cache.createEntryAtPath(path, std::move(item)); });
 }
 
 void QNiCloudDocumentsPresenter::updateCacheAfterUpdateOfItemAtPath(std::string_view path) {
@@ -95,8 +96,8 @@ void QNiCloudDocumentsPresenter::updateCacheAfterUpdateOfItemAtPath(std::string_
     const auto date = qn::FileManager::defaultManager()->resourceValue(
         qn::URL::fileURLWithPath(path), qn::NSURLContentModificationDateKey, &error);
     if (!date && error) {
-        l4Logger().error("Unable to get file {} modification date after update. Error: {}.",
-                         path, error);
+        l4Logger().error("Unable to get file {} modification date after update. Error: {}.", path,
+                         error);
     }
     const auto cache = this->cache();
     if (cache == nullptr) {

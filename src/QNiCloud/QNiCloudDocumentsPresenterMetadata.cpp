@@ -42,7 +42,8 @@ bool setField(QNiCloudMetadataItem& item, QNiCloudFileChangeType type, const qn:
         case QNiCloudFileChangeDownloadingStarted:
             return setBool(item.isDownloading(), &QNiCloudMetadataItem::setIsDownloading);
         case QNiCloudFileChangeDownloadProgress:
-            return setPercent(item.percentDownloaded(), &QNiCloudMetadataItem::setPercentDownloaded);
+            return setPercent(item.percentDownloaded(),
+                              &QNiCloudMetadataItem::setPercentDownloaded);
         case QNiCloudFileChangeUploaded:
             return setBool(item.isUploaded(), &QNiCloudMetadataItem::setIsUploaded);
         case QNiCloudFileChangeUploadingStarted:
