@@ -1,14 +1,15 @@
 // A host program's first minutes with the library, on a simulated cloud in a temporary drive
 // directory: it creates and installs the default presenter for its container, registers it, and
-// prints each notification as it arrives on the main thread while the user signs in and then
-// switches accounts, and how a conflict check tells real conflicts from repeated edits. It also
-// shows how the library sums up what changed about a document between two snapshots of its cloud
-// state.
+// prints each notification as it arrives on the main thread while the presenter's cache fills
+// from the cloud, the user switches accounts, documents appear, download and disappear, and a
+// conflict check tells real conflicts from repeated edits. It also shows how the library sums up
+// what changed about a document between two snapshots of its cloud state.
 
 #include <fmt/core.h>
 #include <fmt/format.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -16,6 +17,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "QNiCloud/QNiCloud.h"
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
@@ -82,11 +84,50 @@ const char* accountStateName(std::int64_t state) {
     return state >= 0 && state < std::ssize(kNames) ? kNames[state] : "unknown";
 }
 
+// The documents path relative to the Documents directory, for short lines.
+std::string shortPath(const qn::Notification& n) {
+    const std::string* path = n.userInfo.stringForKey(QNiCloudSourcePathKey);
+    if (path == nullptr) {
+        return "(unknown)";
+    }
+    const auto documents = path->find("/Documents/");
+    return documents == std::string::npos ? *path : path->substr(documents + 11);
+}
+
 // What a host does at start-up, with the account following the user's moves.
 bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
     auto& center = qn::NotificationCenter::defaultCenter();
     int accountChanges = 0;
     int containerSetUps = 0;
+    int cacheReady = 0;
+    std::vector<std::string> events;  // what the host heard about single documents
+    const auto heard = [&](std::string event) {
+        fmt::print("main thread ({}): {}\n", qn::MainQueue::isMainThread(), event);
+        events.push_back(std::move(event));
+    };
+    const auto hasHeard = [&](const std::string& event) {
+        return std::find(events.begin(), events.end(), event) != events.end();
+    };
+    auto readyObservation = center.addObserver(
+        QNiCloudCacheInitializedNotification, nullptr, [&](const qn::Notification& n) {
+            fmt::print(
+                "main thread ({}): cache ready, {} items, {} below Documents\n",
+                qn::MainQueue::isMainThread(),
+                n.userInfo.uint64ForKey(QNiCloudNumberOfFilesInCacheKey).value_or(0),
+                n.userInfo.uint64ForKey(QNiCloudNumberOfFilesInDocumentsDirectoryKey).value_or(0));
+            ++cacheReady;
+        });
+    auto appearObservation =
+        center.addObserver(QNiCloudFileDidAppearNotification, nullptr,
+                           [&](const qn::Notification& n) { heard("appeared: " + shortPath(n)); });
+    auto removeObservation =
+        center.addObserver(QNiCloudFileWasRemovedNotification, nullptr,
+                           [&](const qn::Notification& n) { heard("removed: " + shortPath(n)); });
+    auto changeObservation = center.addObserver(
+        QNiCloudFileDidChangeNotification, nullptr, [&](const qn::Notification& n) {
+            const auto change = n.userInfo.int64ForKey(QNiCloudFileChangeTypeKey).value_or(0);
+            heard(shortPath(n) + ": " + changeName(static_cast<QNiCloudFileChangeType>(change)));
+        });
     auto accountObservation = center.addObserver(
         QNiCloudAccountStateDidChangeNotification, nullptr, [&](const qn::Notification& n) {
             const auto state = n.userInfo.int64ForKey(QNiCloudAccountStateKey).value_or(-1);
@@ -102,37 +143,63 @@ bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
             ++containerSetUps;
         });
 
+    // The cloud already holds a few documents, and its daemon reports changes as they happen.
+    const qn::URL documents =
+        QNiCloudDocumentsPresenter::documentsDirectoryURLFromContainerIdentifier(
+            kContainerIdentifier);
+    const auto document = [&](const char* name) {
+        return documents.URLByAppendingPathComponent(name);
+    };
+    cloud->setItem(document("Welcome.txt"), qn::SimulatedItemState::downloaded("Hello.\n"));
+    cloud->setItem(document("Trip/Itinerary.txt"),
+                   qn::SimulatedItemState::notDownloaded("Day 1: Lisbon.\n"));
+    cloud->setItem(document("Trip/Budget.numbers"), qn::SimulatedItemState::directory());
+    cloud->setAutomaticDelivery(true);
+
     // Creation returns at once; the account is read and the container set up in the background.
+    // Registering starts the live query that fills the presenter's cache.
     auto presenter = QNiCloudDocumentsPresenter::initWithContainerIdentifier(kContainerIdentifier);
     QNiCloudDocumentsPresenter::setDefaultPresenter(presenter);
+    presenter->setCacheUpdatesInterval(0.1);
     presenter->registerForFileChangesNotifications();
-    bool ok = qn::MainQueue::runUntil([&] { return accountChanges == 1 && containerSetUps == 1; },
-                                      kPatience);
+    bool ok = qn::MainQueue::runUntil(
+        [&] { return accountChanges == 1 && containerSetUps == 1 && cacheReady == 1; }, kPatience);
     fmt::print("documents live in {}\n", presenter->documentsDirectoryURL().path());
 
     // The identity change reaches the presenter on the main thread, which never sets the
-    // container up; the next background caller (any file operation) does.
+    // container up; the next background caller (here the restarted query) does. The old account's
+    // cache is dropped and the new one's gathered.
     cloud->switchAccount("bob@example.com");
-    ok = ok && qn::MainQueue::runUntil([&] { return accountChanges == 2; }, kPatience);
-    qn::DispatchQueue::global().async(
-        [presenter] { presenter->setupiCloudContainerIfSafeAndNecessary(); });
-    ok = ok && qn::MainQueue::runUntil([&] { return containerSetUps == 2; }, kPatience);
+    ok = ok && qn::MainQueue::runUntil(
+                   [&] { return accountChanges == 2 && containerSetUps == 2 && cacheReady == 2; },
+                   kPatience);
+
+    // The cache follows the cloud: a new document, a download on its way, a removal.
+    cloud->setDefaultDownloadBehavior(qn::SimulatedDownloadBehavior::progressive());
+    cloud->setItem(document("Ideas.txt"), qn::SimulatedItemState::notDownloaded("Write more.\n"));
+    ok = ok && qn::MainQueue::runUntil([&] { return hasHeard("appeared: Ideas.txt"); }, kPatience);
+    cloud->startDownloading(document("Trip/Itinerary.txt"), nullptr);
+    ok = ok && qn::MainQueue::runUntil(
+                   [&] { return hasHeard("Trip/Itinerary.txt: downloading started"); }, kPatience);
+    cloud->advanceDownload(document("Trip/Itinerary.txt"), 60);
+    ok = ok && qn::MainQueue::runUntil(
+                   [&] { return hasHeard("Trip/Itinerary.txt: download progress"); }, kPatience);
+    cloud->advanceDownload(document("Trip/Itinerary.txt"), 100);
+    ok = ok && qn::MainQueue::runUntil([&] { return hasHeard("Trip/Itinerary.txt: downloaded"); },
+                                       kPatience);
+    fmt::print("Itinerary downloaded: {}\n",
+               presenter->isFileDownloadedAtURL(document("Trip/Itinerary.txt")));
+    cloud->removeItem(document("Welcome.txt"));
+    ok = ok && qn::MainQueue::runUntil([&] { return hasHeard("removed: Welcome.txt"); }, kPatience);
 
     // The same document saved on two computers: the cloud keeps the other computers' versions as
     // conflicts. One of them only repeats this computer's edit; the check removes it quietly and
     // announces the conflict that is left.
     const qn::URL plan = presenter->documentsDirectoryURL().URLByAppendingPathComponent("Plan.txt");
+    cloud->setAutomaticDelivery(false);  // the query hears of the plan only after the check
     cloud->setItem(plan, qn::SimulatedItemState::downloaded("Buy milk.\n"));
     cloud->addConflictVersion(plan, "Buy milk.\n", qn::Date::now(), "Office Mac");
     cloud->addConflictVersion(plan, "Buy oat milk.\n", qn::Date::now(), "iPad");
-    auto changeObservation = center.addObserver(
-        QNiCloudFileDidChangeNotification, nullptr, [](const qn::Notification& n) {
-            const std::string* path = n.userInfo.stringForKey(QNiCloudSourcePathKey);
-            const auto change = n.userInfo.int64ForKey(QNiCloudFileChangeTypeKey).value_or(0);
-            fmt::print("main thread ({}): {}: {}\n", qn::MainQueue::isMainThread(),
-                       path != nullptr ? *path : "(unknown)",
-                       changeName(static_cast<QNiCloudFileChangeType>(change)));
-        });
     std::optional<bool> hasConflicts;
     presenter->checkIfItemAtURLHasUnresolvedConflicts(plan,
                                                       std::make_shared<QNiCloudMetadataItem>(),
