@@ -3,13 +3,16 @@
 
 #include <condition_variable>
 #include <filesystem>
+#include <future>
 #include <latch>
 #include <mutex>
 
 #include "QNiCloud/QNiCloudMetadataItem.h"
+#include "QNiCloud/QNiCloudMetadataQuery.h"
 #include "SyncFixture.h"
 #include "qn/FileCoordinator.h"
 #include "qn/ForwardingFileManager.h"
+#include "qn/MetadataAttributes.h"
 
 namespace qn::test {
 namespace {
@@ -69,11 +72,24 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, GathersInBatchesThenInitialises
                   expected);
         EXPECT_FALSE(presenter->cacheInitialized());
     }
+    // Notifications of another query are refused; a question about a whole directory waits for
+    // the initialisation.
+    const auto stranger = QNiCloudMetadataQuery::query();
+    presenter->metadataQueryDidUpdate({NSMetadataQueryDidUpdateNotification, stranger, {}});
+    presenter->metadataQueryDidFinishGathering(
+        {NSMetadataQueryDidFinishGatheringNotification, stranger, {}});
+    EXPECT_EQ(log.count(LogLevel::Error,
+                        "Did handle notification from unexpected QNiCloudMetadataQuery query."),
+              2u);
+    auto folderDownloaded = std::async(std::launch::async, [&] {
+        return presenter->isDirectoryDownloadedAtPath(documentPath("Folder 0"));
+    });
     received.clear();
     cloud->deliverNextQueryBatch();  // the end of gathering
     ASSERT_TRUE(waitForLogPrefix(LogLevel::Info, kCacheReady, 1));
     settleMainQueue();
     EXPECT_TRUE(presenter->cacheInitialized());
+    EXPECT_FALSE(folderDownloaded.get());  // two thirds are in the cloud only
     // 300 files, 7 folders, the local file, the package and its content, the root.
     const std::uint64_t total = 300 + 7 + 3 + 1;
     EXPECT_TRUE(log.contains(
@@ -106,6 +122,7 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, GathersInBatchesThenInitialises
     presenter->stopCacheQuery();
     presenter->clearCache();
     settleMainQueue();
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Going to clear iCloud cache."));
     EXPECT_FALSE(presenter->cacheInitialized());
     EXPECT_EQ(presenter->cache()->count(), 0u);
     EXPECT_EQ(named(QNiCloudDidClearCacheNotification).size(), 1u);
@@ -203,6 +220,10 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, UpdatesReportEveryKindOfChange)
               1u);
     EXPECT_TRUE(log.contains(LogLevel::Debug,
                              "Presented subitem was removed at path " + documentPath("gone.txt")));
+    EXPECT_EQ(logCount(LogLevel::Debug, "Presented subitem did appear at path " +
+                                            documentPath("New.pages") + ". Metadata item = <"),
+              1u);
+    EXPECT_TRUE(log.contains(LogLevel::Debug, "Start comparison."));
     EXPECT_EQ(cachedPaths(), (std::vector<std::string>{"New.pages", "Sub", "Sub/deep.txt",
                                                        "both.txt", "conflict.txt", "edit.txt",
                                                        "fetch.txt", "push.txt", "stays.txt"}));
