@@ -343,10 +343,10 @@ public:
 
     /// The cached snapshot itself once the cache is initialised (null without entry); before, a
     /// new snapshot of the item from disk and the platform. Null for an empty path or one
-    /// outside the Documents directory. The cache's own snapshot changes in place as the
-    /// presenter compares and updates (under `_cacheLock`): a caller on another thread that
-    /// needs consistent values while the query runs reads a `copy()`, or asks the questions
-    /// below, which read under the lock.
+    /// outside the Documents directory. The cache's own snapshot changes in place whenever the
+    /// presenter compares or updates (under `_cacheLock`), so reading its fields races with the
+    /// presenter's queue while the query runs; only `hasUnresolvedConflicts` is atomic. The
+    /// questions below read under the lock.
     std::shared_ptr<QNiCloudMetadataItem> metadataItemForURL(const qn::URL& url);
     std::shared_ptr<QNiCloudMetadataItem> metadataItemForPath(std::string_view path);
     /// Sets the cached item's field that `type` selects (1 downloaded, 2 downloading, 3 percent
