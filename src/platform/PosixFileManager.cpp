@@ -200,7 +200,10 @@ std::optional<Value> PosixFileManager::resourceValue(const URL& url, std::string
     }
     ItemStatus status;
     if (const int result = statusOfItem(url.path(), false, &status); result != 0) {
-        setError(error, fileError(result, FileAccess::Reading, url.path(), &url));
+        // Built only when asked for: callers probing many missing items pass no error.
+        if (error != nullptr) {
+            *error = fileError(result, FileAccess::Reading, url.path(), &url);
+        }
         return std::nullopt;
     }
     if (key == NSURLFileSizeKey) {
