@@ -104,22 +104,40 @@ public:
     const std::optional<std::string>& fileName() const { return fileName_; }
     void setFileName(std::optional<std::string> fileName) { fileName_ = std::move(fileName); }
     bool isDownloaded() const { return isDownloaded_; }
-    void setIsDownloaded(bool isDownloaded) { isDownloaded_ = isDownloaded; }
+    void setIsDownloaded(bool isDownloaded) { isDownloaded_ = isDownloaded, changed(); }
     bool isDownloading() const { return isDownloading_; }
-    void setIsDownloading(bool isDownloading) { isDownloading_ = isDownloading; }
+    void setIsDownloading(bool isDownloading) { isDownloading_ = isDownloading, changed(); }
     double percentDownloaded() const { return percentDownloaded_; }
-    void setPercentDownloaded(double percent) { percentDownloaded_ = percent; }
+    void setPercentDownloaded(double percent) { percentDownloaded_ = percent, changed(); }
     bool isUploaded() const { return isUploaded_; }
-    void setIsUploaded(bool isUploaded) { isUploaded_ = isUploaded; }
+    void setIsUploaded(bool isUploaded) { isUploaded_ = isUploaded, changed(); }
     bool isUploading() const { return isUploading_; }
-    void setIsUploading(bool isUploading) { isUploading_ = isUploading; }
+    void setIsUploading(bool isUploading) { isUploading_ = isUploading, changed(); }
     double percentUploaded() const { return percentUploaded_; }
-    void setPercentUploaded(double percent) { percentUploaded_ = percent; }
+    void setPercentUploaded(double percent) { percentUploaded_ = percent, changed(); }
     /// Atomic: may be set by a conflict check on another thread.
     bool hasUnresolvedConflicts() const { return hasUnresolvedConflicts_.load(); }
     void setHasUnresolvedConflicts(bool value) { hasUnresolvedConflicts_.store(value); }
     const std::optional<qn::Date>& fsContentChangeDate() const { return fsContentChangeDate_; }
-    void setFsContentChangeDate(std::optional<qn::Date> date) { fsContentChangeDate_ = date; }
+    void setFsContentChangeDate(std::optional<qn::Date> date) {
+        fsContentChangeDate_ = date;
+        changed();
+    }
+
+    /// Notes that comparing this snapshot with `report` found no change, with equal content
+    /// dates. Until one of the compared fields changes (the conflict flag included), comparing
+    /// it with that very report again would find the same: `isUnchangedSince(report)` answers
+    /// true. The cache's comparison uses this to skip re-reading reports that did not change
+    /// (a query replaces a result's record when the item changes). The report is held weakly,
+    /// by identity, so a later record at the same address is never taken for it.
+    void markUnchangedSince(const std::shared_ptr<const qn::MetadataItem>& report) {
+        comparedReport_ = report;
+        comparedConflicts_ = hasUnresolvedConflicts();
+    }
+    bool isUnchangedSince(const std::shared_ptr<const qn::MetadataItem>& report) const {
+        return !comparedReport_.owner_before(report) && !report.owner_before(comparedReport_) &&
+               report != nullptr && comparedConflicts_ == hasUnresolvedConflicts();
+    }
 
 private:
     // The flags together at the end: 112 bytes instead of 128, one allocation size class less
@@ -134,4 +152,8 @@ private:
     bool isUploaded_ = false;
     bool isUploading_ = false;
     std::atomic<bool> hasUnresolvedConflicts_{false};
+    bool comparedConflicts_ = false;
+    std::weak_ptr<const qn::MetadataItem> comparedReport_;
+
+    void changed() { comparedReport_.reset(); }
 };

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -158,33 +159,46 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
         if (item.isDirectory() && !QNIsPackageOrFilePath(item.path().value_or(""))) {
             return;
         }
-        const std::string path = qn::stringByDeletingPrivate(item.path().value_or(""));
+        std::string path = item.path().value_or("");
+        if (path.starts_with("/private/")) {
+            path = qn::stringByDeletingPrivate(path);
+        }
         if (!qn::isBasePathOfPath(docs, path)) {
             return;
         }
-        // What the query reports, before any conflict check; most results compare equal to
-        // their entry, so this one stays off the heap.
-        const QNiCloudMetadataItem reported(*result);
+        // What the query reports, before any conflict check. Most results are the very records
+        // their entries were last found equal to, and need not be read again.
+        std::optional<QNiCloudMetadataItem> reported;
         auto type = QNiCloudFileChangeNone;
         bool cached = false;
         {
             std::lock_guard lock(_cacheLock);
             const auto entry = cache->entryForNormalizedPath(path);
-            if (entry != nullptr && entry->metadataItem() != nullptr) {
+            if (const auto& old = entry != nullptr ? entry->metadataItem() : nullptr) {
                 cached = true;
-                type = entry->metadataItem()->compareWithMetadataItem(reported);
+                if (!old->isUnchangedSince(result)) {
+                    reported.emplace(*result);
+                    type = old->compareWithMetadataItem(*reported);
+                    if (type == QNiCloudFileChangeNone && old->fsContentChangeDate() &&
+                        old->fsContentChangeDate() == reported->fsContentChangeDate()) {
+                        old->markUnchangedSince(result);  // a date warning is never skipped
+                    }
+                }
                 markSeen(entry);
             }
         }
         if (cached && type == QNiCloudFileChangeNone) {
             return;
         }
+        if (!reported) {
+            reported.emplace(*result);
+        }
         const qn::URL url = qn::URL::fileURLWithPath(path);
         if (cached) {
             const auto fresh =
-                reported.hasUnresolvedConflicts()
+                reported->hasUnresolvedConflicts()
                     ? QNiCloudMetadataItem::metadataItemWithMetadataItem(result, true)
-                    : reported.copy();
+                    : reported->copy();
             auto extraType = QNiCloudFileChangeNone;
             {
                 std::lock_guard lock(_cacheLock);
@@ -219,7 +233,7 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
             return;
         }
 
-        const auto fresh = reported.copy();
+        const auto fresh = reported->copy();
         if (fresh->isDownloaded() && !fileManager->fileExistsAtPath(path)) {
             handleBrokenFileAtPath(path);
             return;

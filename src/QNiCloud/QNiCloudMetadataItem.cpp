@@ -206,6 +206,7 @@ QNiCloudFileChangeType QNiCloudMetadataItem::compareWithMetadataItem(
 }
 
 void QNiCloudMetadataItem::updateStateUsingMetadataItem(const QNiCloudMetadataItem& newer) {
+    changed();
     isDownloaded_ = newer.isDownloaded_;
     isDownloading_ = newer.isDownloading_;
     percentDownloaded_ = newer.percentDownloaded_;
