@@ -140,8 +140,9 @@ public:
     }
 
 private:
-    // The flags together at the end: 112 bytes instead of 128, one allocation size class less
-    // per cached file (the cache holds one snapshot per file).
+    // The flags together after the values (112 bytes without the compared report, 128 with
+    // it): the cache holds one snapshot per file, and the report saves reading every unchanged
+    // result again on each comparison.
     std::uint64_t contentSize_ = 0;
     std::optional<std::string> fileName_;
     double percentDownloaded_ = 0.0;
