@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -72,7 +73,9 @@ public:
     /// Throws `std::out_of_range` for an index not below `resultCount()`.
     std::shared_ptr<const MetadataItem> resultAtIndex(std::size_t index) const;
     /// Calls `block` for each result in order, until it sets `stop`; it walks the results as
-    /// they were when the call began, and holds no lock while `block` runs.
+    /// they were when the call began, and holds no lock while `block` runs. The results stay
+    /// frozen for the walk, as between `disableUpdates` and `enableUpdates`: changes that arrive
+    /// meanwhile wait until it ends, so it walks them in place instead of copying them.
     void enumerateResultsUsingBlock(
         const std::function<void(const std::shared_ptr<const MetadataItem>& result,
                                  std::size_t index, bool& stop)>& block) const;
@@ -116,7 +119,9 @@ private:
     std::optional<std::chrono::steady_clock::time_point> changesDue_;
     std::deque<Batch> waiting_;
     std::vector<std::shared_ptr<const MetadataItem>> results_;
-    std::unordered_map<std::string, std::size_t> indexByPath_;
+    // Each key views the path of the result at its index, which that result keeps alive: a
+    // result is replaced or removed only together with its key.
+    std::unordered_map<std::string_view, std::size_t> indexByPath_;
     std::shared_ptr<UbiquityService> service_;
     std::uint64_t feed_ = 0;
 };

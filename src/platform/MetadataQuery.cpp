@@ -171,10 +171,25 @@ std::shared_ptr<const MetadataItem> MetadataQuery::resultAtIndex(std::size_t ind
 void MetadataQuery::enumerateResultsUsingBlock(
     const std::function<void(const std::shared_ptr<const MetadataItem>&, std::size_t, bool&)>&
         block) const {
-    const auto snapshot = results();
+    // Results change only under `mutex_` and only while nothing freezes them, so once the walk
+    // has frozen them they can be read without the lock until its `enableUpdates`, which also
+    // hands over the changes that waited meanwhile. Freezing changes nothing a caller can see,
+    // and queries are always made mutable (`std::make_shared`), hence the cast.
+    auto& self = const_cast<MetadataQuery&>(*this);
+    const auto keepAlive = weak_from_this().lock();  // the block may drop the last reference
+    std::size_t count = 0;
+    {
+        std::lock_guard lock(mutex_);
+        ++self.disabled_;
+        count = results_.size();
+    }
+    struct Thaw {
+        MetadataQuery& query;
+        ~Thaw() { query.enableUpdates(); }
+    } thaw{self};
     bool stop = false;
-    for (std::size_t i = 0; i < snapshot.size() && !stop; ++i) {
-        block(snapshot[i], i, stop);
+    for (std::size_t i = 0; i < count && !stop; ++i) {
+        block(results_[i], i, stop);
     }
 }
 
@@ -240,6 +255,8 @@ const char* MetadataQuery::applyNextLocked() {
     }
     switch (batch.kind) {
         case Batch::Kind::Gathered: {
+            results_.reserve(results_.size() + batch.items.size());
+            indexByPath_.reserve(results_.size() + batch.items.size());
             bool holes = false;
             for (const auto& item : batch.items) {
                 holes = !addOrReplaceLocked(item) || holes;
@@ -261,8 +278,9 @@ const char* MetadataQuery::applyNextLocked() {
     while (!waiting_.empty() && waiting_.front().kind == Batch::Kind::Changed) {
         for (const auto& path : waiting_.front().removedPaths) {
             if (const auto found = indexByPath_.find(path); found != indexByPath_.end()) {
-                results_[found->second] = nullptr;
-                indexByPath_.erase(found);
+                const std::size_t index = found->second;
+                indexByPath_.erase(found);  // before the result whose path its key views
+                results_[index] = nullptr;
                 holes = true;
             }
         }
@@ -279,15 +297,21 @@ const char* MetadataQuery::applyNextLocked() {
 }
 
 bool MetadataQuery::addOrReplaceLocked(const std::shared_ptr<const MetadataItem>& item) {
-    const auto path = item->path();
+    const std::string& path = item->path();
     const auto found = indexByPath_.find(path);
     const bool kept = predicate_.evaluate(*item);
     if (found != indexByPath_.end()) {
-        results_[found->second] = kept ? item : nullptr;
+        const std::size_t index = found->second;
         if (!kept) {
             indexByPath_.erase(found);
+            results_[index] = nullptr;
             return false;
         }
+        // The key views the path of the result being replaced: make it view the new one's.
+        auto node = indexByPath_.extract(found);
+        node.key() = path;
+        indexByPath_.insert(std::move(node));
+        results_[index] = item;
     } else if (kept) {
         indexByPath_.emplace(path, results_.size());
         results_.push_back(item);
@@ -298,6 +322,7 @@ bool MetadataQuery::addOrReplaceLocked(const std::shared_ptr<const MetadataItem>
 void MetadataQuery::compactLocked() {
     std::erase(results_, nullptr);
     indexByPath_.clear();
+    indexByPath_.reserve(results_.size());
     for (std::size_t i = 0; i < results_.size(); ++i) {
         indexByPath_.emplace(results_[i]->path(), i);
     }

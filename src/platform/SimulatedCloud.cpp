@@ -576,15 +576,27 @@ std::uint64_t SimulatedCloud::startMetadataFeed(const std::vector<std::string>& 
         id = ++cloud.lastFeedId;
         feed->id = id;
         feed->hearsChanges = cloud.account.has_value();
-        std::vector<std::shared_ptr<const MetadataItem>> gathered;
+        std::vector<std::shared_ptr<const MetadataItem>> reports;
         for (const auto& [key, record] : cloud.items) {
             if (feed->covers(simulated::isInDocumentsScope(record.relativePath))) {
-                gathered.push_back(
+                reports.push_back(
                     simulated::makeReport(CloudState::localPath(drive, record), record.state));
             }
         }
-        std::stable_sort(gathered.begin(), gathered.end(),
-                         [](const auto& a, const auto& b) { return a->path() < b->path(); });
+        // Sorted by path through views beside the positions, so that a comparison reads the two
+        // paths' bytes and nothing else.
+        std::vector<std::pair<std::string_view, std::size_t>> order;
+        order.reserve(reports.size());
+        for (std::size_t i = 0; i < reports.size(); ++i) {
+            order.emplace_back(reports[i]->path(), i);
+        }
+        std::stable_sort(order.begin(), order.end(),
+                         [](const auto& a, const auto& b) { return a.first < b.first; });
+        std::vector<std::shared_ptr<const MetadataItem>> gathered;
+        gathered.reserve(reports.size());
+        for (const auto& [path, index] : order) {
+            gathered.push_back(std::move(reports[index]));
+        }
         feed->queueGathering(std::move(gathered), cloud.gatheringBatchSize);
         cloud.feeds.emplace(id, feed);
         cloud.queued(*feed);

@@ -13,12 +13,16 @@ std::string CloudState::localPath(const std::string& drive, const ItemRecord& it
 }
 
 void CloudState::reportChange(const std::string& drive, ItemRecord& item) {
-    auto report = makeReport(localPath(drive, item), item.state);
-    std::string path = report->path();
     const bool inDocuments = isInDocumentsScope(item.relativePath);
+    std::shared_ptr<const MetadataItem> report;
+    std::string path;
     for (const auto& [id, feed] : feeds) {
         if (!feed->covers(inDocuments)) {
             continue;
+        }
+        if (report == nullptr) {
+            report = makeReport(localPath(drive, item), item.state);
+            path = report->path();
         }
         if (!item.reportedPath.empty() && item.reportedPath != path) {
             // An override moved the item's path: to the feed that is another result.
@@ -27,7 +31,9 @@ void CloudState::reportChange(const std::string& drive, ItemRecord& item) {
         feed->queueChange(report);
         queued(*feed);
     }
-    item.reportedPath = std::move(path);
+    // No feed to tell (a cloud being filled before any query runs): only the path is needed.
+    item.reportedPath =
+        report != nullptr ? std::move(path) : reportedPath(localPath(drive, item), item.state);
 }
 
 void CloudState::reportRemoval(const ItemRecord& item) {

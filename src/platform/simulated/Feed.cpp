@@ -29,7 +29,7 @@ Batch& Feed::openChangeBatch() {
 
 void Feed::queueChange(std::shared_ptr<const MetadataItem> item) {
     Batch& batch = openChangeBatch();
-    const std::string path = item->path();
+    const std::string& path = item->path();
     std::erase(batch.removedPaths, path);
     const auto earlier = std::find_if(batch.items.begin(), batch.items.end(),
                                       [&](const auto& other) { return other->path() == path; });

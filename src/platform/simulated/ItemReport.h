@@ -25,4 +25,7 @@ bool isInDocumentsScope(std::string_view relativePath);
 std::shared_ptr<const MetadataItem> makeReport(const std::string& path,
                                                const SimulatedItemState& state);
 
+/// The path attribute `makeReport` would report ("" when it has none), without making the report.
+std::string reportedPath(const std::string& path, const SimulatedItemState& state);
+
 }  // namespace qn::simulated
