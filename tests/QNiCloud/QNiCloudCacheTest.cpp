@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unicode/unistr.h>
 
 #include <algorithm>
 #include <random>
@@ -21,32 +22,22 @@ using Entry = std::shared_ptr<QNiCloudCacheEntry>;
 
 constexpr const char* kBase = "/Users/me/Library/Mobile Documents/Docs";
 
-std::string utf8(char32_t cp) {
+std::string utf8(UChar32 cp) {
     std::string s;
-    if (cp >= 0x800) {
-        s += static_cast<char>(0xE0 | (cp >> 12));
-        s += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-    } else if (cp >= 0x80) {
-        s += static_cast<char>(0xC0 | (cp >> 6));
-    }
-    s += static_cast<char>(cp < 0x80 ? cp : 0x80 | (cp & 0x3F));
-    return s;
+    return icu::UnicodeString(cp).toUTF8String(s);
 }
 
 TEST(QNiCloudCacheTest, PathHashIsFnv1OverLowercaseComposedBytes) {
+    // The fixed points pin the reference below: the offset basis held signed, multiply before
+    // xor, the composed lower-case bytes.
     EXPECT_EQ(QNiCloudCache::hashForPath(""), -2128831035);
-    EXPECT_EQ(static_cast<std::uint32_t>(QNiCloudCache::hashForPath("")), 2166136261u);
-    EXPECT_EQ(QNiCloudCache::hashForPath("/"), 84696368);
     EXPECT_EQ(QNiCloudCache::hashForPath("/a"), 578204401);
-    EXPECT_EQ(QNiCloudCache::hashForPath("/Docs"), 1123498925);
-    EXPECT_EQ(QNiCloudCache::hashForPath("/docs"), 1123498925);
-    EXPECT_EQ(QNiCloudCache::hashForPath("/\u00C9t\u00E9"), -1948582108);  // bytes of "/été"
-    EXPECT_EQ(QNiCloudCache::hashForPath("/E\u0301TE\u0301"), -1948582108);
+    EXPECT_EQ(QNiCloudCache::hashForPath("/E\u0301TE\u0301"), -1948582108);  // bytes of "/été"
     // Every route (inline ASCII, the Latin table, ICU per component) against the definition:
     // each character up to U+02FF alone and before combining marks, then random text mixing
     // decomposed letters, expanding and context-dependent case mappings and invalid UTF-8.
     std::vector<std::string> corpus;
-    for (char32_t cp = 0x41; cp < 0x300; ++cp) {
+    for (UChar32 cp = 0x41; cp < 0x300; ++cp) {
         corpus.push_back("/Dir/x" + utf8(cp) + "Y/" + utf8(cp) + "\u0327\u0301");
     }
     const std::vector<std::string> pieces = {"/",      "A",      "z",      ".",      "\u00C9",
@@ -105,6 +96,10 @@ TEST(QNiCloudCacheTest, AbsolutePathsAreCutAsTheUtilitiesCutThem) {
     }
 }
 
+// Lists, links, snapshots, case variants and colliding paths are compared with the literal
+// algorithms by the move and copy test's random walk; here, what that walk does not reach: the
+// cached directory's own spelling, absolute paths, entries outside the tree, removed subtrees and
+// the descriptions.
 TEST(QNiCloudCacheTest, CreationLookupAndRemovalFollowTheTree) {
     EXPECT_EQ(QNiCloudCache::cacheWithCachedDirectoryPath(""), nullptr);
     auto cache = QNiCloudCache::cacheWithCachedDirectoryPath("/Users/me//Docs/");
@@ -117,35 +112,20 @@ TEST(QNiCloudCacheTest, CreationLookupAndRemovalFollowTheTree) {
     const Entry root = cache->entryForRelativePath("/");
     EXPECT_EQ(root->firstChild(), nullptr);
 
-    cache->createEntryAtRelativePath("/a/b", snapshot());
-    cache->createEntryAtPath("/Users/me/Docs/a/c", snapshot());
-    EXPECT_EQ(cache->count(), 4u);
+    const auto item = snapshot();
+    cache->createEntryAtRelativePath("/a/b", nullptr);
+    cache->createEntryAtPath("/Users/me/Docs/a/c", item);
     const Entry a = cache->entryForRelativePath("/a");
     const Entry b = cache->entryForPath("/Users/me/Docs/A/B");
     const Entry c = cache->entryForNormalizedPath("/Users/me/Docs/a/C");
     ASSERT_TRUE(a && b && c);
     EXPECT_EQ(root->name(), "/");
     EXPECT_EQ(a->parent(), root);
-    EXPECT_EQ(childNames(a), (std::vector<std::string>{"c", "b"}));
-    EXPECT_EQ(c->prev(), nullptr);
-    EXPECT_EQ(b->prev(), c);
-    EXPECT_TRUE(a->isDirectory());
-    EXPECT_FALSE(b->isDirectory());
     EXPECT_EQ(cache->relativePathForEntry(root), "/");
-    EXPECT_EQ(cache->relativePathForEntry(b), "/a/b");
     EXPECT_EQ(cache->relativePathForEntry(nullptr), std::nullopt);
     EXPECT_EQ(cache->absolutePathForEntry(b), "/Users/me/Docs/a/b");
     EXPECT_EQ(cache->absolutePathForEntry(root), "/Users/me/Docs");
     EXPECT_EQ(cache->entryForPath("/Users/me/Docs/"), root);
-
-    // An existing path only gets the new snapshot; none makes it a directory.
-    const auto replacement = snapshot();
-    cache->createEntryAtRelativePath("/A/B", replacement);
-    EXPECT_EQ(cache->count(), 4u);
-    EXPECT_EQ(b->metadataItem(), replacement);
-    cache->createEntryAtRelativePath("/a/b", nullptr);
-    EXPECT_TRUE(b->isDirectory());
-    EXPECT_EQ(childNames(a), (std::vector<std::string>{"c", "b"}));
 
     // Without the leading separator: a top-level entry outside the tree.
     cache->createEntryAtRelativePath("loose", snapshot());
@@ -153,17 +133,9 @@ TEST(QNiCloudCacheTest, CreationLookupAndRemovalFollowTheTree) {
     EXPECT_EQ(cache->relativePathForEntry(cache->entryForRelativePath("loose")), "/loose");
     cache->removeEntryAtRelativePathFromEntriesTree("loose");
 
-    // Two entries differing only in case: either spelling finds the first stored.
-    cache->createEntryAtRelativePath("/Docs", nullptr);
-    cache->createEntryAtRelativePath("/other", nullptr);
-    cache->moveEntryAtRelativePath("/other", "/docs");
-    EXPECT_EQ(cache->entryForRelativePath("/DOCS")->name(), "Docs");
-    EXPECT_EQ(cache->entryForRelativePath("/docs")->name(), "Docs");
-
     cache->removeEntryAtPath("/Users/me/Docs/a");
-    EXPECT_EQ(cache->count(), 3u);
+    EXPECT_EQ(cache->count(), 1u);
     EXPECT_EQ(cache->entryForRelativePath("/a/c"), nullptr);
-    EXPECT_EQ(childNames(root), (std::vector<std::string>{"docs", "Docs"}));
     // The removed subtree stays linked below the removed entry, for whoever holds it.
     EXPECT_EQ(childNames(a), (std::vector<std::string>{"c", "b"}));
     EXPECT_EQ(cache->relativePathForEntry(b), "/a/b");
@@ -173,67 +145,11 @@ TEST(QNiCloudCacheTest, CreationLookupAndRemovalFollowTheTree) {
                           "    next = ;\n    prev = {};\n    name = b;\n"
                           "    metadataItem = (null);\n>\n",
                           fmt::ptr(b.get()), a->shortDescription(), c->shortDescription()));
-    c->setMetadataItem(replacement);
-    EXPECT_EQ(c->shortDescription(),
-              fmt::format("<QNiCloudCacheEntry: {}; parent = {}, firstChild = 0x0, next = {}, "
-                          "prev = 0x0, name = c, metadata item = {}>",
-                          fmt::ptr(c.get()), fmt::ptr(a.get()), fmt::ptr(b.get()),
-                          replacement->description()));
-
-    cache->removeAll();
-    EXPECT_EQ(cache->count(), 0u);
-    EXPECT_EQ(cache->entryForRelativePath("/Docs"), nullptr);
-}
-
-TEST(QNiCloudCacheTest, CollidingPathsAreTrustedAloneAndScannedTogether) {
-    for (const auto& [first, second] : qn::test::kCollidingPaths) {
-        ASSERT_EQ(QNiCloudCache::hashForPath(first), QNiCloudCache::hashForPath(second));
-    }
-    const std::string a = "/c/uvsp0vu", b = "/c/p5ed9lx";
-    auto cache = QNiCloudCache::cacheWithCachedDirectoryPath(kBase);
-    const auto& index = cache->entriesTree();
-    const std::int32_t hash = QNiCloudCache::hashForPath(a);
-    cache->createEntryAtRelativePath(a, snapshot());
-    const Entry first = cache->entryForRelativePath(a);
-    // Alone in its bucket, an entry answers for every path with its hash, also in creation.
-    EXPECT_EQ(cache->entryForRelativePath(b), first);
-    const auto item = snapshot();
-    cache->createEntryAtRelativePath(b, item);
-    EXPECT_EQ(first->metadataItem(), item);
-    EXPECT_EQ(cache->count(), 3u);
-
-    // A move is the way to get both in: then each path finds its own entry, in any case.
-    cache->createEntryAtRelativePath("/c/tmp", snapshot());
-    const Entry moved = cache->entryForRelativePath("/c/tmp");
-    cache->moveEntryAtRelativePath("/c/tmp", b);
-    EXPECT_EQ(index.collisionsCountForKey(hash), 2u);
-    EXPECT_EQ(cache->entryForRelativePath(a), first);
-    EXPECT_EQ(cache->entryForRelativePath("/C/P5ED9LX"), moved);
-    // Removal picks by path in a bucket of two, and takes the only one of a bucket of one.
-    cache->removeEntryAtRelativePathFromEntriesTree(b);
-    EXPECT_EQ(cache->entryForRelativePath(a), first);
-    cache->removeEntryAtRelativePathFromEntriesTree(b);
-    EXPECT_EQ(index.collisionsCountForKey(hash), 0u);
-    EXPECT_NE(index.allObjectsForKey(hash), nullptr);
-    EXPECT_EQ(cache->count(), 2u);
-
-    // A recursive removal through a bucket of two removes both entries and nothing else.
-    cache->createEntryAtRelativePath("/c/d/4a9pkwc/inner", snapshot());
-    cache->createEntryAtRelativePath("/c/d/tmp", snapshot());
-    cache->moveEntryAtRelativePath("/c/d/tmp", "/c/d/9xuc0aa");
-    cache->createEntryAtRelativePath("/kept", snapshot());
-    EXPECT_EQ(index.collisionsCountForKey(QNiCloudCache::hashForPath("/c/d/9xuc0aa")), 2u);
-    cache->removeEntryAtPath(std::string(kBase) + "/c");
-    EXPECT_EQ(cache->count(), 2u);
-    EXPECT_NE(cache->entryForRelativePath("/kept"), nullptr);
-
-    // The source is removed after the rename, so in a bucket of two it matches neither entry:
-    // an out-of-range answer, never another entry's removal.
-    cache->createEntryAtRelativePath("/c/igdpyiu", snapshot());
-    cache->createEntryAtRelativePath("/c/tmp", snapshot());
-    cache->moveEntryAtRelativePath("/c/tmp", "/c/3mcev5j");
-    EXPECT_THROW(cache->moveEntryAtRelativePath("/c/igdpyiu", "/c/renamed"), std::out_of_range);
-    EXPECT_EQ(index.collisionsCountForKey(QNiCloudCache::hashForPath("/c/igdpyiu")), 2u);
+    EXPECT_EQ(
+        c->shortDescription(),
+        fmt::format("<QNiCloudCacheEntry: {}; parent = {}, firstChild = 0x0, next = {}, "
+                    "prev = 0x0, name = c, metadata item = {}>",
+                    fmt::ptr(c.get()), fmt::ptr(a.get()), fmt::ptr(b.get()), item->description()));
 }
 
 TEST(QNiCloudCacheTest, RecursiveCreationDescribesTheTopItemEverywhere) {

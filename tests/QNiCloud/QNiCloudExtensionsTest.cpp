@@ -36,15 +36,6 @@ TEST(QNiCloudExtensionsTest, DownloadingStatusDecidesAndOldFlagOnlyFillsIn) {
     }
 }
 
-TEST(QNiCloudExtensionsTest, PathIsComposedButOtherwiseAsReported) {
-    const qn::MetadataItem decomposed(
-        qn::Dictionary{{qn::NSMetadataItemPathKey, "/Docs//Re\u0301sume\u0301.txt/"}});
-    EXPECT_EQ(QNiCloudExtensions(decomposed).path(), "/Docs//R\u00e9sum\u00e9.txt/");
-
-    const qn::MetadataItem none(qn::Dictionary{});
-    EXPECT_EQ(QNiCloudExtensions(none).path(), std::nullopt);
-}
-
 TEST(QNiCloudExtensionsTest, AbsentOrUnreadableAttributesGiveTheDefaults) {
     const qn::MetadataItem empty(qn::Dictionary{});
     const QNiCloudExtensions e(empty);
@@ -52,11 +43,12 @@ TEST(QNiCloudExtensionsTest, AbsentOrUnreadableAttributesGiveTheDefaults) {
     EXPECT_EQ(e.percentUploaded(), 0.0);
     EXPECT_FALSE(e.isDownloading() || e.isUploaded() || e.isUploading() ||
                  e.hasUnresolvedConflicts() || e.isUbiquitous() || e.isDirectory());
-    EXPECT_FALSE(e.fsSize() || e.fsContentChangeDate() || e.URL() || e.fsName());
+    EXPECT_FALSE(e.fsSize() || e.fsContentChangeDate() || e.URL() || e.fsName() || e.path());
 
     // Wrong kinds read as absent; numbers are booleans by their non-zero test; the size keeps
     // its number kind.
     const qn::MetadataItem odd(qn::Dictionary{
+        {qn::NSMetadataItemPathKey, "/Docs//Re\u0301sume\u0301.txt/"},
         {qn::NSMetadataItemFSContentChangeDateKey, "yesterday"},
         {qn::NSMetadataUbiquitousItemPercentDownloadedKey, "40"},
         {qn::NSMetadataUbiquitousItemIsUploadingKey, 2},
@@ -64,6 +56,7 @@ TEST(QNiCloudExtensionsTest, AbsentOrUnreadableAttributesGiveTheDefaults) {
         {qn::NSMetadataItemIsUbiquitousKey, nullptr},
     });
     const QNiCloudExtensions o(odd);
+    EXPECT_EQ(o.path(), "/Docs//R\u00e9sum\u00e9.txt/");  // composed, otherwise as reported
     EXPECT_EQ(o.fsContentChangeDate(), std::nullopt);
     EXPECT_EQ(o.percentDownloaded(), 0.0);
     EXPECT_TRUE(o.isUploading());

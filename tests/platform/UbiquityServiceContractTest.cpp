@@ -92,11 +92,8 @@ TEST_P(UbiquityServiceContractTest, AccountAndContainerGoTogetherAndUnknownItems
         EXPECT_EQ(error.code(), GetParam().signedIn ? qn::NSFileReadNoSuchFileError
                                                     : qn::NSUbiquitousFileUnavailableError)
             << call;
-        EXPECT_EQ(error.userInfo().urlForKey(qn::NSURLErrorKey) != nullptr
-                      ? *error.userInfo().urlForKey(qn::NSURLErrorKey)
-                      : qn::URL(),
-                  missing)
-            << call;
+        const qn::URL* named = error.userInfo().urlForKey(qn::NSURLErrorKey);
+        EXPECT_TRUE(named != nullptr && *named == missing) << call << ": " << error.description();
         EXPECT_FALSE(f(nullptr)) << call << " without an error pointer";
     };
     expectFailure("startDownloading",
@@ -120,9 +117,7 @@ TEST_P(UbiquityServiceContractTest, FeedsGatherThenFinishAndFallSilentWhenStoppe
     const std::vector<std::string> scopes{qn::NSMetadataQueryUbiquitousDocumentsScope};
     const std::uint64_t one = service->startMetadataFeed(scopes, first);
     const std::uint64_t two = service->startMetadataFeed(scopes, second);
-    EXPECT_NE(one, 0u);
-    EXPECT_NE(two, 0u);
-    EXPECT_NE(one, two);
+    EXPECT_TRUE(one != 0 && two != 0 && one != two) << one << " " << two;
     deliver();
     EXPECT_GE(first->gathered, 1);
     EXPECT_EQ(first->finished, 1);
