@@ -10,7 +10,8 @@
 //   - BM_UpdateOfTenItems: ten files become downloaded; from delivering the change until the
 //     presenter's comparison has ended, split into the query's apply and the comparison.
 //   - BM_MemoryPerItem: heap per item of the cloud's records, its reports (the query's results),
-//     the query's own index, the cache entries and the snapshots.
+//     the query's own index, the cache entries and the snapshots (with the report blocks they
+//     still refer to).
 // The host's side is played by this thread: it is the main thread and pumps while it waits.
 
 #include <benchmark/benchmark.h>
@@ -40,6 +41,8 @@
 #include "qn/Logger.h"
 #include "qn/MainQueue.h"
 #include "qn/MetadataAttributes.h"
+#include "qn/MetadataPredicate.h"
+#include "qn/MetadataQuery.h"
 #include "qn/NotificationCenter.h"
 #include "qn/SimulatedCloud.h"
 #include "qn/URL.h"
@@ -446,9 +449,10 @@ void BM_UpdateOfTenItems(benchmark::State& state) {
     state.counters["changed_files"] = changed / runs;
 }
 
-// Heap per item of each holder, measured as what it frees: the query's results (the cloud's
-// reports) and index when the query stops, the cache entries when the presenter goes, the
-// snapshots when the last reference to them goes.
+// Heap per item of each holder. The reports and the query's index are measured on a query of
+// their own as they are made. The presenter's share is measured as what it frees: the cache
+// entries when the presenter goes, the snapshots when the last reference to them goes (with the
+// blocks of the reports a snapshot still refers to weakly, which stay until then).
 void BM_MemoryPerItem(benchmark::State& state) {
     Drive& d = drive(static_cast<std::size_t>(state.range(0)));
     if (d.presenter) {
@@ -456,16 +460,30 @@ void BM_MemoryPerItem(benchmark::State& state) {
     }
     double reports = 0, queryIndex = 0, entries = 0, snapshots = 0, total = 0;
     for (auto _ : state) {
+        {
+            auto query = std::make_shared<qn::MetadataQuery>();
+            query->setSearchScopes({qn::NSMetadataQueryUbiquitousDocumentsScope});
+            query->setPredicate(*qn::MetadataPredicate::predicateWithFormat(
+                "%K like \"*\"", qn::NSMetadataItemPathKey));
+            malloc_trim(0);
+            const std::int64_t before = heapInUse();
+            query->startQuery();
+            const std::int64_t reported = heapInUse();  // the feed holds every report
+            d.cloud->deliverQueryBatches();
+            qn::MainQueue::runUntil([&] { return !query->isGathering(); }, kPatience);
+            settleMainQueue();
+            const std::int64_t applied = heapInUse();
+            reports = static_cast<double>(reported - before);
+            queryIndex = static_cast<double>(applied - reported);
+            query->stopQuery();
+        }
+        settleMainQueue();
+
         auto presenter = makePresenter(d);
         logger().setLevel(qn::LogLevel::Info);
         malloc_trim(0);
         const std::int64_t before = heapInUse();
-        presenter->registerForFileChangesNotifications();
-        qn::MainQueue::runUntil([&] { return d.cloud->runningFeedCount() == 1; }, kPatience);
-        const std::int64_t reported = heapInUse();  // the feed holds every report
-        const std::size_t from = Timeline::shared().size();
-        d.cloud->deliverQueryBatches();
-        Timeline::shared().waitFor(kCacheInitialized, from);
+        synchronize(d, *presenter);
         settleMainQueue();
         const std::int64_t initialized = heapInUse();
 
@@ -480,7 +498,6 @@ void BM_MemoryPerItem(benchmark::State& state) {
                                                   return true;
                                               });
         }
-        const std::int64_t withKept = heapInUse();
         presenter->unregisterFromFileChangesNotifications();  // drops the query
         settleMainQueue();
         const std::int64_t withoutQuery = heapInUse();
@@ -490,15 +507,15 @@ void BM_MemoryPerItem(benchmark::State& state) {
         settleMainQueue();
         const std::int64_t withoutCache = heapInUse();
         const auto keptVector = static_cast<std::int64_t>(kept.capacity() * sizeof(kept[0]));
+        const auto snapshotCount = static_cast<double>(kept.size());
         kept.clear();
         kept.shrink_to_fit();
         const std::int64_t withoutSnapshots = heapInUse();
 
-        reports = static_cast<double>(reported - before);
-        queryIndex = static_cast<double>(withKept - withoutQuery) - reports;
         entries = static_cast<double>(withoutQuery - withoutCache);
         snapshots = static_cast<double>(withoutCache - withoutSnapshots - keptVector);
         total = static_cast<double>(initialized - before);
+        state.counters["B_per_snapshot"] = snapshots / snapshotCount;
     }
     const double items = static_cast<double>(d.tree.absolute.size());
     state.counters["items"] = items;
