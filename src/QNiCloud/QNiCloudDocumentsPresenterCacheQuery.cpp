@@ -293,17 +293,17 @@ void QNiCloudDocumentsPresenter::startInitialDownloadWithOuterOperation(
         return;
     }
     std::lock_guard lock(_cacheLock);
-    const std::string& base = cache->cachedDirectoryPath();
-    cache->enumerateSubpathsOfEntryAtPath(base, [&](std::optional<std::string_view> subpath) {
-        if (subpath) {
+    // Every item below the cached directory, in the order of its sub-paths. The cache knows which
+    // entries are plain folders, so the URLs are made without asking the disk again.
+    cache->enumerateSubentriesOfEntry(
+        cache->entryForRelativePath("/"), [&](const QNiCloudCache::EntryPointer& entry) {
             const auto url =
-                qn::URL::fileURLWithPath(qn::stringByAppendingPathComponent(base, *subpath));
+                qn::URL::fileURLWithPath(*cache->absolutePathForEntry(entry), entry->isDirectory());
             if (shouldStartDownloadForItemAtURL(url)) {
                 downloadItemAtURL(url);
             }
-        }
-        return !cancelled();
-    });
+            return !cancelled();
+        });
 }
 
 void QNiCloudDocumentsPresenter::ensureCacheInitialized() {
