@@ -3,6 +3,7 @@
 // one way to change a cached item's state ahead of the query.
 
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "QNiCloud/QNiCloudCache.h"
@@ -19,42 +20,36 @@ namespace {
 // The field a change type selects set to `value`; false when it already held it, or when the
 // type selects nothing or the value is of another kind.
 bool setField(QNiCloudMetadataItem& item, QNiCloudFileChangeType type, const qn::Value& value) {
-    const auto setBool = [&](bool current, void (QNiCloudMetadataItem::*setter)(bool)) {
-        const auto flag = value.boolValue();
-        if (!flag || *flag == current) {
+    // Exact equality: any difference is news (and a not-a-number percentage always is).
+    const auto set = [&item]<class T>(T current, std::optional<T> wanted,
+                                      void (QNiCloudMetadataItem::*setter)(T)) {
+        if (!wanted || *wanted == current) {
             return false;
         }
-        (item.*setter)(*flag);
+        (item.*setter)(*wanted);
         return true;
     };
-    const auto setPercent = [&](double current, void (QNiCloudMetadataItem::*setter)(double)) {
-        const auto percent = value.doubleValue();
-        // Exact equality: any difference is news (and not-a-number always is).
-        if (!percent || *percent == current) {
-            return false;
-        }
-        (item.*setter)(*percent);
-        return true;
-    };
+    const auto flag = value.boolValue();
+    const auto percent = value.doubleValue();
     switch (type) {
         case QNiCloudFileChangeDownloaded:
-            return setBool(item.isDownloaded(), &QNiCloudMetadataItem::setIsDownloaded);
+            return set(item.isDownloaded(), flag, &QNiCloudMetadataItem::setIsDownloaded);
         case QNiCloudFileChangeDownloadingStarted:
-            return setBool(item.isDownloading(), &QNiCloudMetadataItem::setIsDownloading);
+            return set(item.isDownloading(), flag, &QNiCloudMetadataItem::setIsDownloading);
         case QNiCloudFileChangeDownloadProgress:
-            return setPercent(item.percentDownloaded(),
-                              &QNiCloudMetadataItem::setPercentDownloaded);
+            return set(item.percentDownloaded(), percent,
+                       &QNiCloudMetadataItem::setPercentDownloaded);
         case QNiCloudFileChangeUploaded:
-            return setBool(item.isUploaded(), &QNiCloudMetadataItem::setIsUploaded);
+            return set(item.isUploaded(), flag, &QNiCloudMetadataItem::setIsUploaded);
         case QNiCloudFileChangeUploadingStarted:
-            return setBool(item.isUploading(), &QNiCloudMetadataItem::setIsUploading);
+            return set(item.isUploading(), flag, &QNiCloudMetadataItem::setIsUploading);
         case QNiCloudFileChangeUploadProgress:
-            return setPercent(item.percentUploaded(), &QNiCloudMetadataItem::setPercentUploaded);
+            return set(item.percentUploaded(), percent, &QNiCloudMetadataItem::setPercentUploaded);
         // Both conflict types write the value as given: 7 with false clears the flag.
         case QNiCloudFileChangeConflictAppeared:
         case QNiCloudFileChangeConflictResolved:
-            return setBool(item.hasUnresolvedConflicts(),
-                           &QNiCloudMetadataItem::setHasUnresolvedConflicts);
+            return set(item.hasUnresolvedConflicts(), flag,
+                       &QNiCloudMetadataItem::setHasUnresolvedConflicts);
         case QNiCloudFileChangeContentChanged: {
             const qn::Date* date = value.dateValue();
             if (date == nullptr || item.fsContentChangeDate() == *date) {
