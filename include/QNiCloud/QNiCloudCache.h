@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -111,6 +112,40 @@ public:
     /// differs from entryForPath.
     EntryPointer entryForNormalizedPath(std::string_view path) const;
     EntryPointer entryForRelativePath(std::string_view relativePath) const;
+    /// entryForNormalizedPath without taking a reference, for loops that look up every entry:
+    /// valid only while the caller holds the cache's lock and changes nothing in the cache.
+    Entry* findEntryForNormalizedPath(std::string_view path) const;
+
+    /// A normalised path as the index looks it up, worked out once, for callers that look many
+    /// paths up and ask the memory early for what a lookup will read (`prefetchKey`). It may
+    /// refer to the text it was made from, which must outlive it. Any thread (no lock needed).
+    class Key {
+    public:
+        Key() = default;
+        Key(const Key& other) { *this = other; }
+        Key& operator=(const Key& other);
+        /// True for an empty path, which finds nothing.
+        bool empty() const noexcept { return length_ == 0; }
+
+    private:
+        friend class QNiCloudCache;
+        std::string_view relativePath() const noexcept;
+        std::string storage_;  // when the relative path had to be made
+        const char* data_ = nullptr;
+        std::size_t length_ = 0;
+        std::int32_t hash_ = 0;
+        bool owned_ = false;
+    };
+    Key keyForNormalizedPath(std::string_view path) const;
+    /// Asks the memory for the index slot where the lookup of `key` starts; changes nothing.
+    void prefetchKey(const Key& key) const noexcept;
+    /// findEntryForNormalizedPath of the key's path.
+    Entry* findEntryForKey(const Key& key) const;
+    /// Go up with every entry stored in or dropped from the index, and with every one dropped
+    /// (moves drop and store again), so a caller can tell whether anyone else changed the tree's
+    /// shape, or took an entry out of it, while it was not looking.
+    std::uint64_t indexChangeCount() const noexcept { return indexChanges_; }
+    std::uint64_t indexRemovalCount() const noexcept { return indexRemovals_; }
 
     // Creation and removal.
 
@@ -197,6 +232,7 @@ private:
 
     RelativePath relativePathOf(std::string_view path, bool normalized) const;
     EntryPointer lookup(std::string_view relativePath, std::int32_t hash) const;
+    const EntryPointer* find(std::string_view relativePath, std::int32_t hash) const;
     void createEntry(const RelativePath& path, std::shared_ptr<QNiCloudMetadataItem> item);
     void storeEntry(EntryPointer entry, std::int32_t hash);
     template <class PathSource>
@@ -205,6 +241,8 @@ private:
 
     std::string cachedDirectoryPath_;
     EntriesTree entriesTree_;
+    std::uint64_t indexChanges_ = 0;
+    std::uint64_t indexRemovals_ = 0;
     // Whether the cached directory is absolute, which paths built below an entry by
     // concatenation rely on to equal the normalised ones.
     bool absoluteCachedDirectory_ = false;

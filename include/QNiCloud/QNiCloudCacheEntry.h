@@ -91,6 +91,8 @@ public:
     ~QNiCloudCacheEntry();
 
     std::shared_ptr<QNiCloudCacheEntry> parent() const noexcept { return parent_.lock(); }
+    /// The link itself: comparing links (`owner_before`) takes no reference.
+    const std::weak_ptr<QNiCloudCacheEntry>& parentLink() const noexcept { return parent_; }
     void setParent(const std::shared_ptr<QNiCloudCacheEntry>& parent) noexcept { parent_ = parent; }
     const std::shared_ptr<QNiCloudCacheEntry>& firstChild() const noexcept { return firstChild_; }
     void setFirstChild(std::shared_ptr<QNiCloudCacheEntry> firstChild) noexcept {

@@ -30,6 +30,7 @@
 #include "qn/Value.h"
 
 class QNiCloudCache;
+class QNiCloudCacheEntry;
 class QNiCloudMetadataItem;
 class QNiCloudMetadataQuery;
 
@@ -497,6 +498,13 @@ private:
     std::atomic<double> _cacheUpdatesInterval{1.0};
     std::atomic<std::uint64_t> _maxSimultaneousFileDownloadsCount{3};
     std::atomic<std::uint32_t> _comparisonRun{0};
+    // What the last comparison found for each result position: the entry the result at that
+    // position was looked up at. Valid while `_comparisonHintsCache` is the cache and entries
+    // have left its index `_comparisonHintsIndexRemovals` times: then every entry named here is
+    // still where it was found. Guarded by `_cacheLock`.
+    std::vector<QNiCloudCacheEntry*> _comparisonHints;
+    std::weak_ptr<QNiCloudCache> _comparisonHintsCache;
+    std::uint64_t _comparisonHintsIndexRemovals = 0;
 
     // Guards the properties below, which are whole values read and replaced from any thread. A
     // leaf lock: nothing but making the cache runs while it is held.

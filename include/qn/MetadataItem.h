@@ -78,6 +78,12 @@ public:
     /// identified by it.
     const std::string& path() const;
 
+    /// Hints for readers that walk many items and look ahead: ask the memory for the record of
+    /// the path value (which reads the item itself), and, once that has had time to arrive, for
+    /// the path's text (which reads the record). They change nothing and are never needed.
+    void prefetchPathRecord() const noexcept;
+    void prefetchPathText() const noexcept;
+
 private:
     std::shared_ptr<const Layout> layout_;
     std::vector<Value> values_;

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -79,6 +80,14 @@ public:
     void enumerateResultsUsingBlock(
         const std::function<void(const std::shared_ptr<const MetadataItem>& result,
                                  std::size_t index, bool& stop)>& block) const;
+    /// As enumerateResultsUsingBlock, but hands the frozen results over in spans of at most
+    /// `spanLength` (at least 1), for readers that look ahead within a span (to ask the memory
+    /// early for what the next results will need). `firstIndex` is the index of the span's first
+    /// result.
+    void enumerateResultSpansUsingBlock(
+        std::size_t spanLength,
+        const std::function<void(std::span<const std::shared_ptr<const MetadataItem>> results,
+                                 std::size_t firstIndex, bool& stop)>& block) const;
     std::vector<std::shared_ptr<const MetadataItem>> results() const;
 
 private:

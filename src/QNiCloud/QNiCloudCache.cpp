@@ -512,21 +512,23 @@ QNiCloudCache::RelativePath QNiCloudCache::relativePathOf(std::string_view path,
 // Lookup.
 
 EntryPointer QNiCloudCache::lookup(std::string_view relativePath, std::int32_t hash) const {
+    const EntryPointer* found = find(relativePath, hash);
+    return found != nullptr ? *found : nullptr;
+}
+
+const EntryPointer* QNiCloudCache::find(std::string_view relativePath, std::int32_t hash) const {
     const Bucket* bucket = entriesTree_.allObjectsForKey(hash);
-    if (bucket == nullptr) {
+    if (bucket == nullptr || bucket->empty()) {
         return nullptr;
     }
     if (bucket->size() == 1) {
-        return (*bucket)[0];  // Trusted without looking at its path.
-    }
-    if (bucket->empty()) {
-        return nullptr;
+        return bucket->begin();  // Trusted without looking at its path.
     }
     const std::string asked = qn::lowercasePath(relativePath);
     for (const EntryPointer& candidate : *bucket) {
         const std::optional<std::string> candidatePath = relativePathForEntry(candidate);
         if (candidatePath && qn::isEqualToPath(qn::lowercasePath(*candidatePath), asked)) {
-            return candidate;
+            return &candidate;
         }
     }
     return nullptr;
@@ -542,6 +544,56 @@ EntryPointer QNiCloudCache::entryForNormalizedPath(std::string_view path) const 
     return relative.path.empty() ? nullptr : lookup(relative.path, relative.pathHash());
 }
 
+QNiCloudCacheEntry* QNiCloudCache::findEntryForNormalizedPath(std::string_view path) const {
+    const RelativePath relative = relativePathOf(path, true);
+    const EntryPointer* found =
+        relative.path.empty() ? nullptr : find(relative.path, relative.pathHash());
+    return found != nullptr ? found->get() : nullptr;
+}
+
+QNiCloudCache::Key& QNiCloudCache::Key::operator=(const Key& other) {
+    storage_ = other.storage_;
+    owned_ = other.owned_;
+    data_ = owned_ ? storage_.data() : other.data_;
+    length_ = other.length_;
+    hash_ = other.hash_;
+    return *this;
+}
+
+std::string_view QNiCloudCache::Key::relativePath() const noexcept {
+    return {data_, length_};
+}
+
+QNiCloudCache::Key QNiCloudCache::keyForNormalizedPath(std::string_view path) const {
+    Key key;
+    RelativePath relative = relativePathOf(path, true);
+    if (relative.path.empty()) {
+        return key;
+    }
+    key.owned_ = !relative.storage.empty();
+    if (key.owned_) {
+        key.storage_ = std::move(relative.storage);
+        key.data_ = key.storage_.data();
+        key.length_ = key.storage_.size();
+    } else {
+        key.data_ = relative.path.data();
+        key.length_ = relative.path.size();
+    }
+    key.hash_ = relative.hash ? *relative.hash : hashForPath(key.relativePath());
+    return key;
+}
+
+void QNiCloudCache::prefetchKey(const Key& key) const noexcept {
+    if (!key.empty()) {
+        entriesTree_.prefetchKey(key.hash_);
+    }
+}
+
+QNiCloudCacheEntry* QNiCloudCache::findEntryForKey(const Key& key) const {
+    const EntryPointer* found = key.empty() ? nullptr : find(key.relativePath(), key.hash_);
+    return found != nullptr ? found->get() : nullptr;
+}
+
 EntryPointer QNiCloudCache::entryForRelativePath(std::string_view relativePath) const {
     if (relativePath.empty()) {
         return nullptr;
@@ -553,6 +605,7 @@ EntryPointer QNiCloudCache::entryForRelativePath(std::string_view relativePath) 
 
 void QNiCloudCache::storeEntry(EntryPointer entry, std::int32_t hash) {
     entriesTree_.setObject(std::move(entry), hash);
+    ++indexChanges_;
 }
 
 void QNiCloudCache::createEntryAtPath(std::string_view path,
@@ -713,6 +766,8 @@ void QNiCloudCache::removeRecursively(const EntryPointer& entry, std::string_vie
 template <class PathSource>
 void QNiCloudCache::removeFromEntriesTree(std::int32_t hash, PathSource&& pathSource) {
     // The path is only needed to choose within a bucket of two or more.
+    ++indexChanges_;
+    ++indexRemovals_;
     entriesTree_.removeObjectForKey(hash, [&](const Bucket& bucket) -> std::size_t {
         const std::string path = pathSource();
         for (std::size_t i = 0; i < bucket.size(); ++i) {
@@ -735,6 +790,8 @@ void QNiCloudCache::removeEntryAtRelativePathFromEntriesTree(std::string_view re
 
 void QNiCloudCache::removeAll() noexcept {
     entriesTree_.removeAllObjects();
+    ++indexChanges_;
+    ++indexRemovals_;
 }
 
 // Moves and copies.

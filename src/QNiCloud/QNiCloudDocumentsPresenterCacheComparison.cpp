@@ -3,10 +3,15 @@
 // appear, change and remove notifications, and the items found on disk that the query missed.
 // All three run on the presenter's queue with the query's results frozen.
 
+#include <algorithm>
+#include <array>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -18,6 +23,7 @@
 #include "qn/FileAttributes.h"
 #include "qn/FileManager.h"
 #include "qn/PathString.h"
+#include "qn/Prefetch.h"
 #include "qn/util/Packages.h"
 #include "qn/util/PathNormalization.h"
 
@@ -139,33 +145,63 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
     // Instead of a set of the paths seen, every entry a result accounts for (and its directory)
     // is stamped with this run's number; the entries left unstamped are the missing ones.
     const std::uint32_t run = nextComparisonRun();
-    const auto markSeen = [run](const QNiCloudCache::EntryPointer& entry) {
-        if (entry != nullptr) {
-            entry->setComparisonRun(run);
-            if (const auto parent = entry->parent()) {
-                parent->setComparisonRun(run);
-            }
+    // Stamps are counted, so that when every entry of the index got one and nobody else changed
+    // the index meanwhile, the walk for missing entries can be left out.
+    std::uint64_t stamped = 0;
+    std::uint64_t ownIndexChanges = 0;
+    std::uint64_t indexChangesAtStart = 0;
+    std::uint64_t indexRemovalsAtStart = 0;
+    {
+        std::lock_guard lock(_cacheLock);
+        indexChangesAtStart = cache->indexChangeCount();
+        indexRemovalsAtStart = cache->indexRemovalCount();
+    }
+    const auto stamp = [run, &stamped](QNiCloudCacheEntry& entry) {
+        if (entry.comparisonRun() != run) {
+            entry.setComparisonRun(run);
+            ++stamped;
         }
+    };
+    // Results come grouped by folder, so the last parent stamped is usually the next one too.
+    std::weak_ptr<QNiCloudCacheEntry> lastParent;
+    const auto markSeen = [&](QNiCloudCacheEntry* entry) {
+        if (entry == nullptr) {
+            return;
+        }
+        stamp(*entry);
+        const auto& link = entry->parentLink();
+        if (!link.owner_before(lastParent) && !lastParent.owner_before(link) &&
+            !lastParent.expired()) {
+            return;
+        }
+        if (const auto parent = link.lock()) {
+            stamp(*parent);
+        }
+        lastParent = link;
     };
     std::uint64_t changedFiles = 0;
 
-    query->enumerateResultsUsingBlock([&](const std::shared_ptr<const qn::MetadataItem>& result,
-                                          std::size_t, bool& stop) {
-        if (cancelled()) {
-            stop = true;
-            return;
+    // The result's path as the cache spells paths, or "" for a result that is not compared.
+    const auto comparedPath = [&docs](const qn::MetadataItem& result,
+                                      std::string& storage) -> std::string_view {
+        // The reported spelling is kept unless it needs composing.
+        std::string_view path = result.path();
+        if (qn::needsComposition(path)) {
+            storage = qn::composedNFC(path);
+            path = storage;
         }
-        const QNiCloudExtensions item(*result);
-        if (item.isDirectory() && !QNIsPackageOrFilePath(item.path().value_or(""))) {
-            return;
-        }
-        std::string path = item.path().value_or("");
         if (path.starts_with("/private/")) {
-            path = qn::stringByDeletingPrivate(path);
+            storage = qn::stringByDeletingPrivate(path);
+            path = storage;
         }
-        if (!qn::isBasePathOfPath(docs, path)) {
-            return;
+        if (QNiCloudExtensions(result).isDirectory() && !QNIsPackageOrFilePath(path)) {
+            return {};
         }
+        return qn::isBasePathOfPath(docs, path) ? path : std::string_view();
+    };
+    // One result against the cache; answers whether it changed the cache or told the host.
+    const auto compareResult = [&](const std::shared_ptr<const qn::MetadataItem>& result,
+                                   std::string_view path) -> bool {
         // What the query reports, before any conflict check. Most results are the very records
         // their entries were last found equal to, and need not be read again.
         std::optional<QNiCloudMetadataItem> reported;
@@ -173,7 +209,7 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
         bool cached = false;
         {
             std::lock_guard lock(_cacheLock);
-            const auto entry = cache->entryForNormalizedPath(path);
+            QNiCloudCacheEntry* entry = cache->findEntryForNormalizedPath(path);
             if (const auto& old = entry != nullptr ? entry->metadataItem() : nullptr) {
                 cached = true;
                 if (!old->isUnchangedSince(result)) {
@@ -188,7 +224,7 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
             }
         }
         if (cached && type == QNiCloudFileChangeNone) {
-            return;
+            return false;
         }
         if (!reported) {
             reported.emplace(*result);
@@ -230,25 +266,27 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
                 }
             }
             ++changedFiles;
-            return;
+            return true;
         }
 
         const auto fresh = reported->copy();
         if (fresh->isDownloaded() && !fileManager->fileExistsAtPath(path)) {
             handleBrokenFileAtPath(path);
-            return;
+            return true;
         }
         if (!fresh->isDownloaded() && !fresh->isDownloading() && !fresh->isUploaded() &&
             !fresh->isUploading() && !fresh->hasUnresolvedConflicts()) {
             logger.warn("Strange file detected at path {}. Skipping. Metadata item = {}.", path,
                         fresh->description());
-            return;
+            return false;
         }
         updateHasUnresolvedConflictsFlagIfNecessaryForMetadataItem(*fresh, url);
         {
             std::lock_guard lock(_cacheLock);
+            const std::uint64_t before = cache->indexChangeCount();
             cache->createEntryAtPath(path, fresh);
-            markSeen(cache->entryForNormalizedPath(path));
+            ownIndexChanges += cache->indexChangeCount() - before;
+            markSeen(cache->findEntryForNormalizedPath(path));
         }
         if (shouldStartDownloadForItemAtURL(url, fresh.get())) {
             downloadItemAtURL(url);
@@ -260,18 +298,197 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
             notifyFileDidAppearAtPath(path, false);
         }
         ++changedFiles;
-    });
+        return true;
+    };
+
+    // A result at the same position as in the last comparison that is still the very record
+    // its entry was then found equal to is settled without reading it or looking its path up,
+    // as long as no entry has left the index since (nor moved, which takes it out and back).
+    const auto hintsUsable = [&] {
+        return _comparisonHintsCache.lock() == cache &&
+               _comparisonHintsIndexRemovals == cache->indexRemovalCount();
+    };
+    // Entries a result changed during this run: a later result settled by its hint that names
+    // one of them is compared after all, as it would have been in order.
+    std::unordered_set<const QNiCloudCacheEntry*> touched;
+    const auto compareAndNote = [&](const std::shared_ptr<const qn::MetadataItem>& result,
+                                    std::string_view path) {
+        if (!compareResult(result, path)) {
+            return false;
+        }
+        std::lock_guard lock(_cacheLock);
+        touched.insert(cache->findEntryForNormalizedPath(path));
+        return true;
+    };
+
+    // The results the hints did not settle, in order. Each needs its record, its path value,
+    // the path's text, an index slot, its cache entry and the entry's snapshot, each found
+    // through the one before; waiting for each in turn is where a comparison's time went. So
+    // they are taken in chunks, and the memory is asked for each kind a few chunks ahead of the
+    // chunk being compared. The verdicts taken for a chunk only stand until one of its results
+    // changes something.
+    const auto comparePending =
+        [&](std::span<const std::shared_ptr<const qn::MetadataItem>> results,
+            const std::vector<std::size_t>& pending,
+            const std::vector<const QNiCloudCacheEntry*>& settled, bool& stop) {
+            constexpr std::size_t kChunk = 32;
+            constexpr std::size_t kAhead =
+                6;  // chunks between asking for a record and comparing it
+            struct Prepared {
+                std::string storage;
+                std::string_view path;  // "" for a result that is not compared
+                QNiCloudCache::Key key;
+            };
+            std::array<std::array<Prepared, kChunk>, 4> prepared;  // chunks c to c + 3
+            std::array<bool, kChunk> unchanged{};
+            const std::size_t chunks = (pending.size() + kChunk - 1) / kChunk;
+            const auto chunk = [&](std::size_t c) {
+                const std::size_t first = std::min(c * kChunk, pending.size());
+                return std::span<const std::size_t>(pending).subspan(
+                    first, std::min(kChunk, pending.size() - first));
+            };
+            const auto prepare = [&](std::size_t c) {
+                auto& slots = prepared[c % prepared.size()];
+                const auto indices = chunk(c);
+                for (std::size_t i = 0; i < indices.size(); ++i) {
+                    slots[i].path = comparedPath(*results[indices[i]], slots[i].storage);
+                    slots[i].key = slots[i].path.empty()
+                                       ? QNiCloudCache::Key()
+                                       : cache->keyForNormalizedPath(slots[i].path);
+                }
+            };
+            // Settled results between the pending ones are looked at again only when a result
+            // before them changed their entry.
+            std::size_t nextSettled = 0;
+            const auto recheckSettledBefore = [&](std::size_t end) {
+                for (; !touched.empty() && nextSettled < end; ++nextSettled) {
+                    if (settled[nextSettled] != nullptr && touched.contains(settled[nextSettled])) {
+                        std::string storage;
+                        const std::string_view path = comparedPath(*results[nextSettled], storage);
+                        compareAndNote(results[nextSettled], path);
+                    }
+                }
+                nextSettled = std::max(nextSettled, end);
+            };
+
+            for (std::size_t c = 0; c < std::min(chunks, kAhead); ++c) {
+                for (const std::size_t index : chunk(c)) {
+                    __builtin_prefetch(results[index].get());
+                }
+            }
+            for (std::size_t c = 0; c < chunks; ++c) {
+                for (const std::size_t index : chunk(c + kAhead)) {
+                    __builtin_prefetch(results[index].get());
+                }
+                for (const std::size_t index : chunk(c + kAhead - 1)) {
+                    results[index]->prefetchPathRecord();
+                }
+                for (const std::size_t index : chunk(c + kAhead - 2)) {
+                    results[index]->prefetchPathText();
+                }
+                for (std::size_t next = c == 0 ? 0 : c + 3; next <= c + 3 && next < chunks;
+                     ++next) {
+                    prepare(next);
+                }
+                const auto indices = chunk(c);
+                const auto& current = prepared[c % prepared.size()];
+                {
+                    std::lock_guard lock(_cacheLock);
+                    if (c + 3 < chunks) {
+                        for (const auto& slot : prepared[(c + 3) % prepared.size()]) {
+                            cache->prefetchKey(slot.key);
+                        }
+                    }
+                    if (c + 2 < chunks) {
+                        for (const auto& slot : prepared[(c + 2) % prepared.size()]) {
+                            qn::prefetchRange(cache->findEntryForKey(slot.key),
+                                              sizeof(QNiCloudCacheEntry));
+                        }
+                    }
+                    if (c + 1 < chunks) {
+                        for (const auto& slot : prepared[(c + 1) % prepared.size()]) {
+                            if (const auto* entry = cache->findEntryForKey(slot.key)) {
+                                qn::prefetchRange(entry->metadataItem().get(),
+                                                  sizeof(QNiCloudMetadataItem));
+                            }
+                        }
+                    }
+                    for (std::size_t i = 0; i < indices.size(); ++i) {
+                        auto* entry = cache->findEntryForKey(current[i].key);
+                        _comparisonHints[indices[i]] = entry;
+                        const auto* old = entry != nullptr ? entry->metadataItem().get() : nullptr;
+                        unchanged[i] = old != nullptr && old->isUnchangedSince(results[indices[i]]);
+                        if (unchanged[i]) {
+                            markSeen(entry);
+                        }
+                    }
+                }
+                bool changedSomething = false;
+                for (std::size_t i = 0; i < indices.size(); ++i) {
+                    if (cancelled()) {
+                        stop = true;
+                        return;
+                    }
+                    recheckSettledBefore(indices[i]);
+                    if (current[i].path.empty() || (unchanged[i] && !changedSomething)) {
+                        continue;
+                    }
+                    changedSomething =
+                        compareAndNote(results[indices[i]], current[i].path) || changedSomething;
+                }
+            }
+            if (!cancelled()) {
+                recheckSettledBefore(results.size());
+            }
+        };
+
+    query->enumerateResultSpansUsingBlock(
+        std::numeric_limits<std::size_t>::max(),
+        [&](std::span<const std::shared_ptr<const qn::MetadataItem>> results, std::size_t,
+            bool& stop) {
+            const std::size_t count = results.size();
+            std::vector<const QNiCloudCacheEntry*> settled(count, nullptr);
+            std::vector<std::size_t> pending;
+            {
+                std::unique_lock lock(_cacheLock);
+                bool usable = hintsUsable();
+                for (std::size_t i = 0; i < count; ++i) {
+                    if (i % 4096 == 4095) {  // let the host's file operations in now and then
+                        lock.unlock();
+                        lock.lock();
+                        usable = hintsUsable();
+                    }
+                    auto* entry =
+                        usable && i < _comparisonHints.size() ? _comparisonHints[i] : nullptr;
+                    const auto* old = entry != nullptr ? entry->metadataItem().get() : nullptr;
+                    if (old != nullptr && old->isUnchangedSince(results[i])) {
+                        settled[i] = entry;
+                        markSeen(entry);
+                    } else {
+                        pending.push_back(i);
+                    }
+                }
+                _comparisonHints.resize(count);
+            }
+            comparePending(results, pending, settled, stop);
+        });
 
     std::vector<std::string> missing;
     {
         std::lock_guard lock(_cacheLock);
-        cache->enumerateSubentriesOfEntry(
-            cache->entryForRelativePath("/"), [&](const QNiCloudCache::EntryPointer& entry) {
+        const auto root = cache->entryForRelativePath("/");
+        const std::uint64_t rootStamped = root != nullptr && root->comparisonRun() == run ? 1 : 0;
+        const bool everyEntryStamped =
+            root != nullptr && stamped - rootStamped + 1 == cache->count() &&
+            cache->indexChangeCount() == indexChangesAtStart + ownIndexChanges;
+        if (!everyEntryStamped) {
+            cache->enumerateSubentriesOfEntry(root, [&](const QNiCloudCache::EntryPointer& entry) {
                 if (entry->comparisonRun() != run) {
                     missing.push_back(*cache->absolutePathForEntry(entry));
                 }
                 return !cancelled();
             });
+        }
     }
     for (const std::string& path : missing) {
         if (cancelled()) {
@@ -292,6 +509,17 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
             notifyFileWasRemovedAtPath(path, isDirectory);
         }
         ++changedFiles;
+    }
+    {
+        // The hints stand only if every entry they name is still where it was found: no entry
+        // left the index during the run.
+        std::lock_guard lock(_cacheLock);
+        if (cache->indexRemovalCount() == indexRemovalsAtStart) {
+            _comparisonHintsCache = cache;
+            _comparisonHintsIndexRemovals = indexRemovalsAtStart;
+        } else {
+            _comparisonHintsCache.reset();
+        }
     }
     logger.debug("Complete comparison. Number of changed files = {}. Cancelled = {}.",
                  static_cast<unsigned long>(changedFiles), static_cast<int>(cancelled()));

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "qn/Prefetch.h"
+
 namespace qn {
 namespace {
 
@@ -114,6 +116,20 @@ Dictionary MetadataItem::values() const {
         }
     }
     return result;
+}
+
+void MetadataItem::prefetchPathRecord() const noexcept {
+    const std::size_t index = layout_->pathIndex();
+    if (index != Layout::npos) {
+        prefetchRange(&values_[index], sizeof(Value));
+    }
+}
+
+void MetadataItem::prefetchPathText() const noexcept {
+    const std::string& text = path();
+    if (text.size() > 15) {  // shorter text is kept inside the record
+        prefetchRange(text.data(), text.size());
+    }
 }
 
 const std::string& MetadataItem::path() const {

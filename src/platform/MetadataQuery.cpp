@@ -171,6 +171,15 @@ std::shared_ptr<const MetadataItem> MetadataQuery::resultAtIndex(std::size_t ind
 void MetadataQuery::enumerateResultsUsingBlock(
     const std::function<void(const std::shared_ptr<const MetadataItem>&, std::size_t, bool&)>&
         block) const {
+    enumerateResultSpansUsingBlock(
+        1, [&block](std::span<const std::shared_ptr<const MetadataItem>> results, std::size_t index,
+                    bool& stop) { block(results.front(), index, stop); });
+}
+
+void MetadataQuery::enumerateResultSpansUsingBlock(
+    std::size_t spanLength,
+    const std::function<void(std::span<const std::shared_ptr<const MetadataItem>>, std::size_t,
+                             bool&)>& block) const {
     // Results change only under `mutex_` and only while nothing freezes them, so once the walk
     // has frozen them they can be read without the lock until its `enableUpdates`, which also
     // hands over the changes that waited meanwhile. Freezing changes nothing a caller can see,
@@ -187,9 +196,11 @@ void MetadataQuery::enumerateResultsUsingBlock(
         MetadataQuery& query;
         ~Thaw() { query.enableUpdates(); }
     } thaw{self};
+    const std::size_t length = std::max<std::size_t>(spanLength, 1);
+    const std::span<const std::shared_ptr<const MetadataItem>> all(results_.data(), count);
     bool stop = false;
-    for (std::size_t i = 0; i < count && !stop; ++i) {
-        block(results_[i], i, stop);
+    for (std::size_t first = 0; first < count && !stop; first += length) {
+        block(all.subspan(first, std::min(length, count - first)), first, stop);
     }
 }
 

@@ -386,6 +386,17 @@ std::string composedNFC(std::string_view text) {
     return composed(text);
 }
 
+bool needsComposition(std::string_view text) {
+    const std::size_t tail = icuTailStart(text);
+    const icu::Normalizer2* normalizer = nfc();
+    if (tail == std::string_view::npos || normalizer == nullptr || !fitsIcu(text)) {
+        return false;  // what composed() leaves as it is
+    }
+    UErrorCode status = U_ZERO_ERROR;
+    const bool normalized = normalizer->isNormalizedUTF8(piece(text.substr(tail)), status);
+    return U_FAILURE(status) || !normalized;
+}
+
 std::string lowercasePath(std::string_view text) {
     return lowercased(text);
 }

@@ -234,6 +234,18 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, UpdatesReportEveryKindOfChange)
     update("edit.txt", [](SimulatedItemState& s) { s.contentChangeDate = Date(9.5e8); });
     deliver();
     EXPECT_EQ(fileEvents(), (std::vector<std::string>{"edit.txt:9", "+broken.txt", "-stays.txt"}));
+
+    // A local move the cloud has not caught up with: its unchanged report names the old path
+    // again, whatever the last comparison found at its position.
+    update("edit.txt", [](SimulatedItemState& s) { s.contentChangeDate = Date(9.55e8); });
+    deliver();
+    received.clear();
+    presenter->updateCacheAfterMovingOfItemAtPath(documentPath("Sub/deep.txt"),
+                                                  documentPath("Sub/moved.txt"));
+    update("edit.txt", [](SimulatedItemState& s) { s.contentChangeDate = Date(9.6e8); });
+    deliver();
+    EXPECT_EQ(fileEvents(),
+              (std::vector<std::string>{"+Sub/deep.txt", "edit.txt:9", "-Sub/moved.txt"}));
 }
 
 // A file manager whose existence test for one file can be held, to stop the presenter's work in

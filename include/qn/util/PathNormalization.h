@@ -36,6 +36,10 @@ std::string stringByNormalizingPath(std::string_view path,
 /// ICU; should ICU fail, `text` is returned as given.
 std::string composedNFC(std::string_view text);
 
+/// Whether composedNFC would change `text`. False for ASCII, which is always composed; lets a
+/// reader of many paths keep the spelling it has instead of copying it.
+bool needsComposition(std::string_view text);
+
 /// `text` lower-cased by full Unicode case mapping in the root locale (so "İ" -> "i̇" and "Σ" at a
 /// word's end -> "ς", in any process locale). Not normalised: see lowercaseNFC.
 std::string lowercasePath(std::string_view text);
