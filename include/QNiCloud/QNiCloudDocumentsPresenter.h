@@ -16,10 +16,15 @@
 #include <vector>
 
 #include "QNiCloud/QNiCloud.h"
+#include "qn/Date.h"
+#include "qn/Dictionary.h"
+#include "qn/DirectoryEnumerator.h"
 #include "qn/Error.h"
+#include "qn/FileAttributes.h"
 #include "qn/FileCoordinator.h"
 #include "qn/FilePresenter.h"
 #include "qn/FileVersion.h"
+#include "qn/FileVersionConflicts.h"
 #include "qn/Logger.h"
 #include "qn/Notification.h"
 #include "qn/Object.h"
@@ -246,6 +251,84 @@ public:
         const qn::URL& url,
         const std::vector<std::shared_ptr<qn::FileVersion>>& usingUresolvedConflictVersions);
 
+    // Resolving a conflict: the file work is qn::resolveConflictsForItemAtURL's (see
+    // FileVersionConflicts.h for the handlers' arguments); the presenter keeps the cache and the
+    // host in step with it. The handlers run on the thread doing the work, never under a lock of
+    // the presenter.
+
+    /// Saves `bySavingVersions` as copies in `parentURLToSaveTo` and deletes
+    /// `andDeletingVersions`. Each saved copy is added to the cache as a downloaded file and
+    /// announced (QNiCloudFileDidAppearNotification, not a directory) before `progressHandler`
+    /// hears of it; on completion the cached item's conflict flag is cleared and
+    /// QNiCloudFileChangeConflictResolved posted, whatever the flag was, before
+    /// `completionHandler` runs. Errors go to `errorHandler` only. Every handler may be empty.
+    /// Blocks while it coordinates and posts synchronously to the main thread: call it from a
+    /// background thread; the handlers run on the calling thread.
+    void resolveConflictsForItemAtURL(
+        const qn::URL& url, std::vector<std::shared_ptr<qn::FileVersion>> bySavingVersions,
+        std::vector<std::shared_ptr<qn::FileVersion>> andDeletingVersions,
+        const qn::URL& parentURLToSaveTo, std::shared_ptr<qn::FileCoordinator> fileCoordinator,
+        qn::ConflictRemoveCurrentVersionHandler removeCurrentVersionHandler,
+        qn::ConflictProgressHandler progressHandler,
+        qn::ConflictCompletionHandler completionHandler, qn::ConflictErrorHandler errorHandler);
+    /// Keeps the item's latest version (saved as a copy in `parentURLToSaveTo` unless it is the
+    /// current one) and deletes every other version, as `resolveConflictsForItemAtURL` does.
+    /// Returns at once; the work and every handler run on the global queue of default quality
+    /// of service. An item without any version is left alone and no handler is called. Any
+    /// thread.
+    void resolveConflictsBySavingLatestVersionForItemAtURL(
+        const qn::URL& url, const qn::URL& parentURLToSaveTo,
+        qn::ConflictRemoveCurrentVersionHandler removeCurrentVersionHandler,
+        qn::ConflictProgressHandler progressHandler,
+        qn::ConflictCompletionHandler completionHandler, qn::ConflictErrorHandler errorHandler);
+
+    // Creating, writing and reading files. Each coordinates through `newFileCoordinator` (the
+    // presenter hears nothing of its own changes) after asking for the container's set-up (a
+    // refusal is ignored, so they still work on the main thread before set-up). They block the
+    // calling thread until coordination grants access: call them from background threads. The
+    // handlers run synchronously on the calling thread while access is held, so they must not
+    // wait for another thread that coordinates. Creations add the new item to the cache at once;
+    // writes and reads leave the cache to the query.
+
+    /// Writes a new file at the URL it is given; true when it did.
+    using FileCreationBlock = std::function<bool(const qn::URL& url)>;
+    /// Writes or reads the file at the URL it is given; true on success, otherwise it may store
+    /// the reason in `error` (null when the caller wants none).
+    using FileWriteBlock = std::function<bool(const qn::URL& url, qn::Error* error)>;
+    using FileReadBlock = std::function<bool(const qn::URL& url, qn::Error* error)>;
+
+    /// Lets `withCreationBlock` create the file under coordinated writing for replacing; when it
+    /// answers true the item is cached as a new downloaded, not uploaded file. Reports nothing.
+    void createFileAtURL(const qn::URL& url, const FileCreationBlock& withCreationBlock);
+    void createFileAtPath(std::string_view path, const FileCreationBlock& withCreationBlock);
+    /// Creates the file with `contents` (replacing the contents of a file there), creating the
+    /// missing directories above it first. `attributes`, when given, holds the attributes to
+    /// create the file with and receives those read back from the new file; failing to read
+    /// them makes the answer false although the file is created (and cached). No error is
+    /// reported.
+    bool createFileAtURL(const qn::URL& url, std::string_view contents,
+                         qn::Dictionary* attributes = nullptr);
+    bool createFileAtPath(std::string_view path, std::string_view contents,
+                          qn::Dictionary* attributes = nullptr);
+    /// Creates the directory (with the missing ones above it when `withIntermediateDirectories`)
+    /// and caches it as a folder. The Documents directory itself always succeeds at once,
+    /// without touching the disk. `attributes` as for `createFileAtURL`; a failure to read them
+    /// back fills `error`. Otherwise `error` gets the coordination's failure in preference to
+    /// the file manager's, both logged. The empty URL: false, logged, `error` untouched.
+    bool createDirectoryAtURL(const qn::URL& url, bool withIntermediateDirectories,
+                              qn::Dictionary* attributes = nullptr, qn::Error* error = nullptr);
+    bool createDirectoryAtPath(std::string_view path, bool withIntermediateDirectories,
+                               qn::Dictionary* attributes = nullptr, qn::Error* error = nullptr);
+    /// Runs `withWriteBlock` under coordinated writing for replacing and answers what it
+    /// answers. When coordination fails the block does not run: false, and `error` gets the
+    /// coordination's failure unless it already holds an error.
+    bool writeToFileAtURL(const qn::URL& url, const FileWriteBlock& withWriteBlock,
+                          qn::Error* error = nullptr);
+    /// As `writeToFileAtURL`, under coordinated reading that does not ask other presenters to
+    /// save first.
+    bool readFromFileAtURL(const qn::URL& url, const FileReadBlock& withReadBlock,
+                           qn::Error* error = nullptr);
+
     // The cache query: one live metadata query over the Documents scope keeps the cache in step
     // with the cloud. Its notifications arrive on the main thread and only queue work; the work
     // (filling, comparing) runs on `presentedItemOperationQueue`.
@@ -377,6 +460,149 @@ public:
     /// for now the request is only logged at debug level, and the cache's automatic downloads
     /// (initial pass, uploads that finished) end here too.
     void downloadItemAtURL(const qn::URL& url);
+
+    // Listings, existence, attributes, moves, copies, removals and replacements of the
+    // container's items. Each runs under file coordination through `newFileCoordinator` (so the
+    // presenter hears nothing of its own changes), sets the container up first where it needs it
+    // (ignoring a refusal, so it still works on the main thread before set-up), and keeps the
+    // cache right at once after a change. Coordinated calls block the calling thread until
+    // access is granted: call them from background threads, never from an accessor of another
+    // thread's coordination. None posts a notification.
+
+    /// Called for each item of a copy or removal with the item's URL, for a copy the URL it is
+    /// copied to (for a removal the empty URL), and `proceed`, true on entry: leaving it false
+    /// skips the item and, for a directory, everything below it.
+    using FileOperationProgressHandler =
+        std::function<void(const qn::URL& itemURL, const qn::URL& secondURL, bool& proceed)>;
+    /// Called for each item of a directory walk with its path relative to the walked directory
+    /// and, when asked for, its attributes (nullopt when unreadable); false stops the walk.
+    using DirectoryEnumerationBlock = std::function<bool(
+        const std::string& relativePath, const std::optional<qn::Dictionary>& attributes)>;
+
+    // Listings. Once the cache is initialised they are answered from the cache alone under
+    // `_cacheLock`, held across every callback (a callback must not wait for a thread that needs
+    // the cache); a directory the cache does not hold then fails with QNiCloudErrorFileExists in
+    // QNiCloudErrorDomain, even when it exists on disk. Before, they read the disk (coordinated
+    // where said) and pass the platform's errors on. Nothing is filtered out: hidden items and
+    // packages' insides are listed.
+
+    /// The names of the directory's children (coordinated unless `coordinate` is false), in the
+    /// cache's order (newest first) or the disk's. Nullopt on failure or for the empty URL. The
+    /// Documents directory lists as empty when the cache has no entry for it.
+    std::optional<std::vector<std::string>> contentsOfDirectoryAtURL(const qn::URL& url,
+                                                                     bool coordinate,
+                                                                     qn::Error* error = nullptr);
+    std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(std::string_view path,
+                                                                      bool coordinate,
+                                                                      qn::Error* error = nullptr);
+    std::optional<std::vector<std::string>> contentsOfDirectoryAtPath(std::string_view path,
+                                                                      qn::Error* error = nullptr);
+    /// The paths of every item below the directory, relative to it ("a", "a/b"). Nullopt on
+    /// failure or for an empty path. Coordinated before the cache is initialised.
+    std::optional<std::vector<std::string>> subpathsOfDirectoryAtPath(std::string_view path,
+                                                                      qn::Error* error = nullptr);
+    std::optional<std::vector<std::string>> subpathsOfDirectoryAtURL(const qn::URL& url,
+                                                                     qn::Error* error = nullptr);
+    /// Walks every item below the directory, as `subpathsOfDirectoryAtPath` lists them, until
+    /// `enumerator` answers false. With `extractFileAttributes` each item's attributes are read
+    /// from disk (an unreadable one is logged and passed as nullopt); without, nullopt. An
+    /// unknown or empty path walks nothing. Coordinated before the cache is initialised.
+    void enumerateDirectoryAtPath(std::string_view path, bool extractFileAttributes,
+                                  const DirectoryEnumerationBlock& enumerator);
+    void enumerateDirectoryAtPath(std::string_view path,
+                                  const DirectoryEnumerationBlock& withEnumerator);
+    void enumerateDirectoryAtURL(const qn::URL& url, bool extractFileAttributes,
+                                 const DirectoryEnumerationBlock& enumerator);
+    void enumerateDirectoryAtURL(const qn::URL& url,
+                                 const DirectoryEnumerationBlock& withEnumerator);
+    /// An enumerator of the items below the directory, with qn::NSDirectoryEnumeration...
+    /// `options`. Once the cache is initialised it yields relative path strings from the cache
+    /// (nothing for an unknown directory), reading the live tree without a lock as it goes: use
+    /// it only while the cache holds still. Before, it is the file manager's uncoordinated
+    /// enumerator of the directory's URL, yielding URLs (null when unreadable).
+    std::unique_ptr<qn::DirectoryEnumerator> enumeratorAtPath(
+        std::string_view path, qn::DirectoryEnumerationOptions options = 0);
+
+    // Existence and attributes.
+
+    /// Whether the item exists: in the cache (downloaded or not) or on disk, and, before the
+    /// cache is initialised, also when the parent directory holds a name that differs only in
+    /// letter case. `existingURL` receives the spelling found (the cache's, or the parent
+    /// listing's), or the empty URL when the item is found only on disk under the given
+    /// spelling or not at all. `isDirectory` tells whether the found spelling names a directory
+    /// on disk: an item found only under the given spelling is reported as no directory, and a
+    /// cloud-only item too. The empty URL: false, outs untouched. Never reports an error.
+    bool itemExistsAtURL(const qn::URL& url, bool* isDirectory, qn::URL* existingURL);
+    bool itemExistsAtURL(const qn::URL& url, bool* isDirectory = nullptr);
+    bool itemExistsAtPath(std::string_view path, bool* isDirectory = nullptr);
+    /// The same as `itemExists...`.
+    bool fileExistsAtURL(const qn::URL& url, bool* isDirectory = nullptr);
+    bool fileExistsAtPath(std::string_view path, bool* isDirectory = nullptr);
+    /// The item's content change date: the cached one once the cache is initialised (nullopt,
+    /// without an error, for an item it does not know), before that the disk's modification
+    /// date (uncoordinated). Nullopt for the empty URL.
+    std::optional<qn::Date> modificationDateForItemAtURL(const qn::URL& url,
+                                                         qn::Error* error = nullptr);
+    /// Reads the item's attributes into `attributes` (and a symbolic link's destination's into
+    /// `linkDestinationAttributes`) under coordinated reading. Two failures are answered
+    /// instead: the Documents directory without permission to read it is a directory, and a
+    /// missing item that `metadataItemForPath` answers for (once the cache is ready, a cached
+    /// one) is a regular file (a directory when QNIsPackageFilePath says package) with that
+    /// snapshot's size and content change date. Other errors are the platform's.
+    bool loadAttributesOfItemAtPath(std::string_view path, qn::Dictionary* attributes,
+                                    qn::Dictionary* linkDestinationAttributes,
+                                    qn::Error* error = nullptr);
+    /// Applies `attributes` to the item under coordinated writing; no container set-up, no cache
+    /// change. `error` is filled only when the file manager failed, then with the coordination's
+    /// error if coordination failed too: a coordination failure alone gives false and no error.
+    bool setAttributes(const qn::Dictionary& attributes, std::string_view ofItemAtPath,
+                       qn::Error* error = nullptr);
+
+    // Moves, copies, removals and replacements. A destination that exists (in the cache too,
+    // downloaded or not) is refused with QNiCloudErrorFileExists in QNiCloudErrorDomain, carrying
+    // QNiCloudSourcePathKey and QNiCloudDestionationPathKey; other errors are the platform's, or
+    // the coordination's when nothing else reported one. `destinationFileAttributes` receives the
+    // moved or copied item's attributes, and failing to read them fails the operation (the item
+    // is moved or copied all the same). Path variants take the file URLs of their paths.
+
+    bool moveItemAtURL(const qn::URL& url, const qn::URL& toURL,
+                       qn::Dictionary* destinationFileAttributes = nullptr,
+                       qn::Error* error = nullptr);
+    bool moveItemAtURL(const qn::URL& url, const qn::URL& toURL, qn::Error* error);
+    bool moveItemAtPath(std::string_view path, std::string_view toPath,
+                        qn::Dictionary* destinationFileAttributes = nullptr,
+                        qn::Error* error = nullptr);
+    bool moveItemAtPath(std::string_view path, std::string_view toPath, qn::Error* error);
+    /// Copies recursively. `progressHandler` hears every item before it is copied; the items it
+    /// declines stay out of the copy and out of the cache.
+    bool copyItemAtURL(const qn::URL& url, const qn::URL& toURL,
+                       const FileOperationProgressHandler& progressHandler,
+                       qn::Dictionary* destinationFileAttributes, qn::Error* error = nullptr);
+    bool copyItemAtURL(const qn::URL& url, const qn::URL& toURL,
+                       const FileOperationProgressHandler& progressHandler,
+                       qn::Error* error = nullptr);
+    bool copyItemAtURL(const qn::URL& url, const qn::URL& toURL,
+                       qn::Dictionary* destinationFileAttributes, qn::Error* error = nullptr);
+    bool copyItemAtURL(const qn::URL& url, const qn::URL& toURL, qn::Error* error = nullptr);
+    bool copyItemAtPath(std::string_view path, std::string_view toPath,
+                        qn::Dictionary* destinationFileAttributes = nullptr,
+                        qn::Error* error = nullptr);
+    bool copyItemAtPath(std::string_view path, std::string_view toPath, qn::Error* error);
+    /// Removes recursively. `progressHandler` hears every item before it is removed; a declined
+    /// item stays, with the directories above it, and stays cached. False for the empty URL.
+    bool removeItemAtURL(const qn::URL& url, const FileOperationProgressHandler& progressHandler,
+                         qn::Error* error = nullptr);
+    bool removeItemAtURL(const qn::URL& url, qn::Error* error = nullptr);
+    bool removeItemAtPath(std::string_view path, qn::Error* error = nullptr);
+    /// Puts the item at `withItemAtURL` in place of the item at `url` (see
+    /// qn::FileManager::replaceItemAtURL) under coordinated writing of `url`, and marks the
+    /// cached item changed (not uploaded, new date), or moves its entry when the file manager
+    /// reports the item at another URL. Kept as hosts know it: `resultingItemURL`
+    /// is never written, and when coordination fails the answer is still true (the
+    /// coordination's error in `error`). False for an empty URL or when the replacement fails.
+    bool replaceItemAtURL(const qn::URL& url, const qn::URL& withItemAtURL,
+                          std::string_view backupItemName, qn::ItemReplacementOptions options,
+                          qn::URL* resultingItemURL, qn::Error* error = nullptr);
 
     // Properties.
 

@@ -9,8 +9,10 @@
 #include <thread>
 
 #include "PresenterFixture.h"
+#include "QNiCloud/QNiCloudCache.h"
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
 #include "QNiCloud/QNiCloudMetadataItem.h"
+#include "qn/FileManager.h"
 #include "qn/FileVersion.h"
 #include "qn/InProcessFileCoordinator.h"
 #include "qn/MetadataAttributes.h"
@@ -196,6 +198,71 @@ TEST_F(QNiCloudDocumentsPresenterConflictsTest, QueryResultSnapshotsAskTheDefaul
     EXPECT_TRUE(QNiCloudMetadataItem::metadataItemWithMetadataItem(
                     result({{NSMetadataItemURLKey, real}}), true)
                     ->hasUnresolvedConflicts());
+}
+
+TEST_F(QNiCloudDocumentsPresenterConflictsTest, ResolvingKeepsTheCacheAndTheHostInStep) {
+    const URL url = document("a.txt", {});
+    cloud->addConflictVersion(url, "theirs", Date(200), "Mac");
+    presenter->updateCacheAfterCreationOfItemAtPath(url.path(), true);
+    const auto item = presenter->cache()->entryForPath(url.path())->metadataItem();
+    item->setHasUnresolvedConflicts(true);
+    const URL folder = presenter->documentsDirectoryURL();
+    const URL copy = folder.URLByAppendingPathComponent("a (conflict from Mac).txt");
+
+    // The host and the cache hear of each step before the caller's handlers do.
+    std::vector<std::string> steps;
+    const auto versions = FileVersion::unresolvedConflictVersionsOfItemAtURL(url);
+    presenter->resolveConflictsForItemAtURL(
+        url, versions, versions, folder, presenter->newFileCoordinator(), {},
+        [&](const auto&, std::size_t handled, const std::optional<URL>& saved, std::size_t) {
+            steps.push_back(fmt::format("{} {} {} {}", handled, saved.has_value(),
+                                        presenter->containsCacheEntryForItemAtPath(copy.path()),
+                                        received.size()));
+        },
+        [&](const URL&, const std::vector<URL>&) {
+            steps.push_back(
+                fmt::format("done {} {}", received.size(), item->hasUnresolvedConflicts()));
+        },
+        [](const Error& error) { ADD_FAILURE() << error.description(); });
+    EXPECT_EQ(steps, (std::vector<std::string>{"1 true true 1", "2 false true 1", "done 2 false"}));
+    EXPECT_FALSE(presenter->cache()->entryForPath(copy.path())->metadataItem()->isUploaded());
+    ASSERT_EQ(received.size(), 2u);
+    EXPECT_EQ(received[0].notification.userInfo,
+              (Dictionary{{QNiCloudSourcePathKey, copy.path()}, {QNiCloudIsDirectoryKey, false}}));
+    EXPECT_EQ(received[1].notification.userInfo,
+              (Dictionary{{QNiCloudSourcePathKey, url.path()},
+                          {QNiCloudFileChangeTypeKey, std::int64_t{8}}}));
+
+    // Announced even when nothing was flagged.
+    presenter->resolveConflictsForItemAtURL(url, {}, {}, folder, nullptr, {}, {}, {}, {});
+    EXPECT_EQ(received.size(), 3u);
+}
+
+TEST_F(QNiCloudDocumentsPresenterConflictsTest,
+       SavingTheLatestVersionDeletesTheOthersInBackground) {
+    const URL url = document("b.txt", {"older"});
+    cloud->addConflictVersion(url, "newest", Date(300), "Mac");
+    cloud->addOlderVersion(url, "ancient", Date(50));
+    std::atomic<int> onMain{0};
+    std::atomic<std::size_t> total{0};
+    std::atomic<bool> done{false};
+    presenter->resolveConflictsBySavingLatestVersionForItemAtURL(
+        url, presenter->documentsDirectoryURL(),
+        [&](const auto&) {
+            onMain += MainQueue::isMainThread();
+            return false;  // keep the document
+        },
+        [&](const auto&, std::size_t, const auto&, std::size_t count) { total = count; },
+        [&](const URL&, const std::vector<URL>& saved) {
+            onMain += MainQueue::isMainThread();
+            done = saved.size() == 1;
+        },
+        [](const Error& error) { ADD_FAILURE() << error.description(); });
+    ASSERT_TRUE(MainQueue::runUntil([&] { return done.load(); }, std::chrono::seconds(10)));
+    EXPECT_EQ(onMain, 0);
+    EXPECT_EQ(total, 4u);  // the latest saved; the current, older and ancient ones deleted
+    EXPECT_TRUE(FileManager::defaultManager()->fileExistsAtPath(url.path()));
+    EXPECT_EQ(conflictCount(url), 0u);
 }
 
 }  // namespace
