@@ -40,6 +40,26 @@ private:
     std::shared_ptr<qn::Operation> operation_;
 };
 
+// A result's path as the cache spells paths, or "" for a result that is not compared (a plain
+// folder, or outside the Documents directory `docs`). `storage` holds the path when it had to be
+// made: the reported spelling is kept unless it needs composing.
+std::string_view comparedPathOfResult(const qn::MetadataItem& result, std::string_view docs,
+                                      std::string& storage) {
+    std::string_view path = result.path();
+    if (qn::needsComposition(path)) {
+        storage = qn::composedNFC(path);
+        path = storage;
+    }
+    if (path.starts_with("/private/")) {
+        storage = qn::stringByDeletingPrivate(path);
+        path = storage;
+    }
+    if (QNiCloudExtensions(result).isDirectory() && !QNIsPackageOrFilePath(path)) {
+        return {};
+    }
+    return qn::isBasePathOfPath(docs, path) ? path : std::string_view();
+}
+
 }  // namespace
 
 std::uint32_t QNiCloudDocumentsPresenter::nextComparisonRun() {
@@ -107,9 +127,32 @@ void QNiCloudDocumentsPresenter::fillCacheWithNewCacheQueryResultsOuterOperation
             continue;
         }
         auto snapshot = QNiCloudMetadataItem::metadataItemWithMetadataItem(result, true);
+        // Made from the report, the snapshot usually equals it: noting so (and where the entry
+        // is) spares the comparison that ends the initialisation from reading every report again.
+        const QNiCloudMetadataItem reported(*result);
+        const bool equal = snapshot->compareWithMetadataItem(reported) == QNiCloudFileChangeNone &&
+                           snapshot->fsContentChangeDate() &&
+                           snapshot->fsContentChangeDate() == reported.fsContentChangeDate();
+        if (equal) {
+            snapshot->markUnchangedSince(result);
+        }
         {
             std::lock_guard lock(_cacheLock);
             cache->createEntryAtPath(path, std::move(snapshot));
+            if (_comparisonHintsCache.lock() != cache ||
+                _comparisonHintsIndexRemovals != cache->indexRemovalCount()) {
+                _comparisonHints.clear();  // hints of another cache, or entries since removed
+                _comparisonHintsCache = cache;
+                _comparisonHintsIndexRemovals = cache->indexRemovalCount();
+            }
+            if (_comparisonHints.size() <= index) {
+                _comparisonHints.resize(std::max<std::size_t>(count, index + 1));
+            }
+            // Only where the comparison will look the result up at the same path.
+            std::string storage;
+            _comparisonHints[index] = comparedPathOfResult(*result, base, storage) == path
+                                          ? cache->findEntryForNormalizedPath(path)
+                                          : nullptr;
         }
         ++index;
     }
@@ -181,23 +224,8 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
     };
     std::uint64_t changedFiles = 0;
 
-    // The result's path as the cache spells paths, or "" for a result that is not compared.
-    const auto comparedPath = [&docs](const qn::MetadataItem& result,
-                                      std::string& storage) -> std::string_view {
-        // The reported spelling is kept unless it needs composing.
-        std::string_view path = result.path();
-        if (qn::needsComposition(path)) {
-            storage = qn::composedNFC(path);
-            path = storage;
-        }
-        if (path.starts_with("/private/")) {
-            storage = qn::stringByDeletingPrivate(path);
-            path = storage;
-        }
-        if (QNiCloudExtensions(result).isDirectory() && !QNIsPackageOrFilePath(path)) {
-            return {};
-        }
-        return qn::isBasePathOfPath(docs, path) ? path : std::string_view();
+    const auto comparedPath = [&docs](const qn::MetadataItem& result, std::string& storage) {
+        return comparedPathOfResult(result, docs, storage);
     };
     // One result against the cache; answers whether it changed the cache or told the host.
     const auto compareResult = [&](const std::shared_ptr<const qn::MetadataItem>& result,
