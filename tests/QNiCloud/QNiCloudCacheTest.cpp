@@ -11,7 +11,6 @@
 #include "CacheTestSupport.h"
 #include "QNiCloud/QNiCloudCache.h"
 #include "qn/util/PathNormalization.h"
-#include "support/TemporaryDirectory.h"
 
 namespace {
 
@@ -150,38 +149,6 @@ TEST(QNiCloudCacheTest, CreationLookupAndRemovalFollowTheTree) {
         fmt::format("<QNiCloudCacheEntry: {}; parent = {}, firstChild = 0x0, next = {}, "
                     "prev = 0x0, name = c, metadata item = {}>",
                     fmt::ptr(c.get()), fmt::ptr(a.get()), fmt::ptr(b.get()), item->description()));
-}
-
-TEST(QNiCloudCacheTest, RecursiveCreationDescribesTheTopItemEverywhere) {
-    // As after a copy into the container: the items exist at the source and in the cached
-    // directory, from which the snapshots are read.
-    qn::test::TemporaryDirectory disk;
-    for (const std::string top : {"Folder", "Container/Copied"}) {
-        disk.mkdir(top);
-        disk.mkdir(top + "/Sub");
-        disk.write(top + "/file.txt", "12345");
-        disk.write(top + "/Sub/inner.txt", "1");
-        disk.mkdir(top + "/Doc.pages");
-        disk.write(top + "/Doc.pages/index.xml", "x");
-    }
-    disk.write("Single.txt", "abc");
-    disk.write("Container/One.txt", "abc");
-    auto cache = QNiCloudCache::cacheWithCachedDirectoryPath(disk.pathOf("Container"));
-    cache->createEntryRecursivelyAtPath(disk.pathOf("Container/Copied"), disk.pathOf("Folder"));
-    EXPECT_EQ(cache->count(), 7u);  // Root, the folder and five descendants.
-    EXPECT_TRUE(cache->entryForRelativePath("/Copied/Sub")->isDirectory());
-    for (const char* file : {"/Copied/file.txt", "/Copied/Sub/inner.txt", "/Copied/Doc.pages",
-                             "/Copied/Doc.pages/index.xml"}) {
-        const auto item = cache->entryForRelativePath(file)->metadataItem();
-        ASSERT_NE(item, nullptr) << file;
-        EXPECT_EQ(item->fileName(), "Copied") << file;
-        EXPECT_TRUE(item->isDownloaded() && !item->isUploaded()) << file;
-    }
-    cache->createEntryRecursivelyAtRelativePath("/One.txt", disk.pathOf("Single.txt"));
-    EXPECT_EQ(cache->entryForRelativePath("/One.txt")->metadataItem()->fileName(), "One.txt");
-    cache->createEntryRecursivelyAtRelativePath("", disk.pathOf("Single.txt"));
-    cache->createEntryRecursivelyAtRelativePath("/x", "");
-    EXPECT_EQ(cache->count(), 8u);
 }
 
 // `count` paths below `directory` whose hashes all differ: FNV-1 collides far more often than

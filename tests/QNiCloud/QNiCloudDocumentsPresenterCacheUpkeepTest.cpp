@@ -1,7 +1,5 @@
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
-#include <sys/stat.h>
 
 #include <filesystem>
 
@@ -38,59 +36,28 @@ protected:
     std::string outside;
 };
 
+// Moves, copies, creations and writes of files are compared with a model by the randomized
+// synchronisation test; here, what it does not do: folders and packages created in place, moves
+// with neither side inside, a write to a file that is not there, and several removals at once.
 TEST_F(QNiCloudDocumentsPresenterCacheUpkeepTest, LocalChangesUpdateTheCacheSilently) {
-    // In from outside: built from the destination on disk, a folder with its whole tree.
-    fs::create_directories(outside + "/In/Deeper");
-    home.write("Outside/In/Deeper/x.txt", "x");
-    fs::rename(outside + "/In", documentPath("In"));
-    presenter->updateCacheAfterMovingOfItemAtPath(outside + "/In", documentPath("In"));
-    // Within: moved; out: removed; neither side inside: nothing.
-    fs::rename(documentPath("a.txt"), documentPath("Folder/a.txt"));
-    presenter->updateCacheAfterMovingOfItemAtPath(documentPath("a.txt"),
-                                                  documentPath("Folder/a.txt"));
-    presenter->updateCacheAfterMovingOfItemAtPath(documentPath("c.pdf"), outside + "/c.pdf");
     presenter->updateCacheAfterMovingOfItemAtPath(outside + "/p", outside + "/q");
-    EXPECT_EQ(cachedPaths(), (std::vector<std::string>{"Folder", "Folder/a.txt", "Folder/b.txt",
-                                                       "In", "In/Deeper", "In/Deeper/x.txt"}));
-    EXPECT_TRUE(item("In/Deeper/x.txt")->isDownloaded());
-    EXPECT_FALSE(item("In/Deeper/x.txt")->isUploaded());
-    EXPECT_EQ(item("In"), nullptr);  // a plain folder has no snapshot
-
-    // Copies: within the documents the snapshot goes along, not uploaded; from outside it is
-    // read from the source.
-    presenter->updateCacheAfterCopyingOfItemAtPath(documentPath("Folder"), documentPath("Copy"));
     home.write("Outside/new.txt", "n");
-    fs::copy_file(outside + "/new.txt", documentPath("new.txt"));
-    presenter->updateCacheAfterCopyingOfItemAtPath(outside + "/new.txt", documentPath("new.txt"));
-    presenter->updateCacheAfterCopyingOfItemAtPath(documentPath("new.txt"), outside + "/n2.txt");
-    EXPECT_FALSE(item("Copy/b.txt")->isUploaded());
-    EXPECT_FALSE(item("Copy/b.txt")->isDownloaded());
-    EXPECT_TRUE(item("new.txt")->isDownloaded());
-    EXPECT_TRUE(presenter->containsCacheEntryForItemAtPath(documentPath("Copy/a.txt")));
-
-    // Creations: a file or package gets a snapshot (here, not in the cloud), a folder none;
-    // nothing outside the documents.
-    home.write("Mobile Documents/iCloud~com~example~Notes/Documents/made.txt", "m");
-    fs::create_directories(documentPath("Made.pages"));
-    fs::create_directories(documentPath("Made Folder"));
-    presenter->updateCacheAfterCreationOfItemAtPath(documentPath("made.txt"));
-    presenter->updateCacheAfterCreationOfItemAtPath(documentPath("Made.pages"));
-    presenter->updateCacheAfterCreationOfItemAtPath(documentPath("Made Folder"));
+    presenter->updateCacheAfterCopyingOfItemAtPath(documentPath("a.txt"), outside + "/n2.txt");
     presenter->updateCacheAfterCreationOfItemAtPath(outside + "/new.txt");
-    EXPECT_TRUE(item("made.txt")->isDownloaded() && !item("made.txt")->isUploaded());
-    EXPECT_NE(item("Made.pages"), nullptr);
-    EXPECT_TRUE(presenter->containsCacheEntryForItemAtPath(documentPath("Made Folder")));
-    EXPECT_EQ(item("Made Folder"), nullptr);
+    // A package gets a snapshot (not in the cloud), a plain folder none.
+    fs::create_directories(documentPath("Made.pages"));
+    fs::create_directories(documentPath("Made Folder/Inner"));
+    presenter->updateCacheAfterCreationOfItemAtPath(documentPath("Made.pages"));
+    presenter->updateCacheAfterCreationOfItemAtPath(documentPath("Made Folder/Inner"));
+    EXPECT_TRUE(item("Made.pages")->isDownloaded() && !item("Made.pages")->isUploaded());
+    EXPECT_EQ(item("Made Folder/Inner"), nullptr);
+    EXPECT_EQ(cachedPaths(),
+              (std::vector<std::string>{"Folder", "Folder/b.txt", "Made Folder",
+                                        "Made Folder/Inner", "Made.pages", "a.txt", "c.pdf"}));
 
-    // A write: no longer uploaded, with the file's new date; an unreadable date is logged.
-    item("Folder/a.txt")->setIsUploaded(true);
-    const struct timespec times[2] = {{0, UTIME_OMIT}, Date(9e8).toTimespec()};
-    ASSERT_EQ(::utimensat(AT_FDCWD, documentPath("Folder/a.txt").c_str(), times, 0), 0);
-    presenter->updateCacheAfterUpdateOfItemAtPath(documentPath("Folder/a.txt"));
-    EXPECT_FALSE(item("Folder/a.txt")->isUploaded());
-    EXPECT_EQ(item("Folder/a.txt")->fsContentChangeDate(), Date(9e8));
+    // A write with no file to read the date from: no longer uploaded, the old date, logged.
     item("Folder/b.txt")->setIsUploaded(true);
-    presenter->updateCacheAfterUpdateOfItemAtPath(documentPath("Folder/b.txt"));  // no file
+    presenter->updateCacheAfterUpdateOfItemAtPath(documentPath("Folder/b.txt"));
     EXPECT_FALSE(item("Folder/b.txt")->isUploaded());
     EXPECT_EQ(item("Folder/b.txt")->fsContentChangeDate(), kDay);
     EXPECT_EQ(logCount(LogLevel::Error, fmt::format("Unable to get file {} modification date "
@@ -99,10 +66,8 @@ TEST_F(QNiCloudDocumentsPresenterCacheUpkeepTest, LocalChangesUpdateTheCacheSile
               1u);
 
     presenter->updateCacheAfterRemovalOfItemsAtPaths(
-        {documentPath("Copy"), documentPath("In"), documentPath("made.txt")});
-    presenter->updateCacheAfterRemovalOfItemAtPath(documentPath("Made.pages"));
-    EXPECT_EQ(cachedPaths(), (std::vector<std::string>{"Folder", "Folder/a.txt", "Folder/b.txt",
-                                                       "Made Folder", "new.txt"}));
+        {documentPath("Made Folder"), documentPath("a.txt"), documentPath("Made.pages")});
+    EXPECT_EQ(cachedPaths(), (std::vector<std::string>{"Folder", "Folder/b.txt", "c.pdf"}));
     settleMainQueue();
     EXPECT_TRUE(received.empty());
 }
@@ -136,10 +101,6 @@ TEST_F(QNiCloudDocumentsPresenterCacheUpkeepTest, EvictionsStopAtTheFirstFailure
     EXPECT_TRUE(item("a.txt")->isDownloaded());  // the cache waits for the query
 
     presenter->handleBrokenFileAtPath(documentPath("refused.txt"));
-    EXPECT_TRUE(log.contains(LogLevel::Warn,
-                             fmt::format("Broken file detected at path {}. Let's try to evict "
-                                         "this file.",
-                                         documentPath("refused.txt"))));
     EXPECT_EQ(logCount(LogLevel::Error, fmt::format("Unable to evict broken file at path {}. "
                                                     "Error: ",
                                                     documentPath("refused.txt"))),
@@ -180,19 +141,11 @@ TEST_F(QNiCloudDocumentsPresenterCacheUpkeepTest, AnswersMetadataQuestions) {
     EXPECT_TRUE(presenter->isDirectoryDownloadedAtURL(documentURL("Folder")));
     EXPECT_FALSE(presenter->isDirectoryDownloadedAtPath(documents));  // c.pdf
 
-    // Updates: each type writes its field; equal values, unknown types, wrong kinds and
-    // unknown paths do nothing; notify decides about the notification.
+    // Each type's update is compared with a model by the randomized synchronisation test; here,
+    // what it never sends: no type, an unknown one, a value of the wrong kind, an unknown path,
+    // and a URL spelled with a doubled separator.
     received.clear();
     const std::string c = documentPath("c.pdf");
-    presenter->updateMetadataItemForPath(c, true, QNiCloudFileChangeDownloadingStarted, true);
-    presenter->updateMetadataItemForPath(c, true, QNiCloudFileChangeDownloadingStarted, true);
-    presenter->updateMetadataItemForPath(c, 12.5, QNiCloudFileChangeDownloadProgress, true);
-    presenter->updateMetadataItemForPath(c, false, QNiCloudFileChangeUploaded, false);
-    presenter->updateMetadataItemForPath(c, true, QNiCloudFileChangeUploadingStarted, true);
-    presenter->updateMetadataItemForPath(c, 50, QNiCloudFileChangeUploadProgress, true);
-    presenter->updateMetadataItemForPath(c, true, QNiCloudFileChangeConflictResolved, true);
-    presenter->updateMetadataItemForPath(c, false, QNiCloudFileChangeConflictAppeared, true);
-    presenter->updateMetadataItemForPath(c, Date(9e8), QNiCloudFileChangeContentChanged, true);
     presenter->updateMetadataItemForPath(c, true, QNiCloudFileChangeNone, true);
     presenter->updateMetadataItemForPath(c, true, static_cast<QNiCloudFileChangeType>(10), true);
     presenter->updateMetadataItemForPath(c, "yes", QNiCloudFileChangeDownloaded, true);
@@ -200,15 +153,9 @@ TEST_F(QNiCloudDocumentsPresenterCacheUpkeepTest, AnswersMetadataQuestions) {
                                          QNiCloudFileChangeDownloaded, true);
     presenter->updateMetadataItemForURL(URL::fileURLWithPath(documentPath("Folder") + "//b.txt"),
                                         50.0, QNiCloudFileChangeUploadProgress, true);
-    EXPECT_EQ(fileEvents(),
-              (std::vector<std::string>{"c.pdf:2", "c.pdf:3", "c.pdf:5", "c.pdf:6", "c.pdf:8",
-                                        "c.pdf:7", "c.pdf:9", "Folder/b.txt:6"}));
-    const auto updated = item("c.pdf");
-    EXPECT_TRUE(updated->isDownloading() && updated->isUploading());
-    EXPECT_EQ(updated->percentDownloaded(), 12.5);
-    EXPECT_EQ(updated->percentUploaded(), 50.0);
-    EXPECT_FALSE(updated->isUploaded() || updated->hasUnresolvedConflicts());
-    EXPECT_EQ(updated->fsContentChangeDate(), Date(9e8));
+    EXPECT_EQ(fileEvents(), (std::vector<std::string>{"Folder/b.txt:6"}));
+    EXPECT_FALSE(item("c.pdf")->isDownloaded());
+    EXPECT_EQ(item("Folder/b.txt")->percentUploaded(), 50.0);
 }
 
 TEST_F(QNiCloudDocumentsPresenterCacheUpkeepTest, DecidesAboutAutomaticDownloads) {

@@ -133,13 +133,8 @@ TEST(QNiCloudMetadataItemTest, SnapshotOfAPathAndItsCopy) {
     const std::string file = dir.write("Docs/Report.txt", "hello");
     const auto item = QNiCloudMetadataItem::metadataItemWithPath(file, true, false);
     ASSERT_NE(item, nullptr);
-    EXPECT_EQ(item->contentSize(), 5u);
-    EXPECT_EQ(item->fsContentChangeDate(),
-              qn::Date::fromTimespec(dir.status("Docs/Report.txt").st_mtim));
+    // Size, date and transfer state are compared with the disk by the synchronisation test.
     EXPECT_EQ(item->fileName(), "Report.txt");
-    EXPECT_TRUE(item->isDownloaded() && item->percentDownloaded() == 100.0);
-    EXPECT_FALSE(item->isUploaded() || item->isDownloading() || item->isUploading());
-    EXPECT_EQ(item->percentUploaded(), 0.0);
 
     const auto copy = item->copy();
     EXPECT_EQ(copy->fileName(), std::nullopt);
@@ -187,42 +182,18 @@ TEST(QNiCloudMetadataItemTest, UnreadableDateLogsAndGivesAPartialSnapshot) {
     EXPECT_EQ(item->fileName(), std::nullopt);
 }
 
+// How reported transfers become the snapshot's state is compared with a model by the randomized
+// synchronisation test; here, the size's number kind and the name a result never gives.
 TEST(QNiCloudMetadataItemTest, SnapshotOfAQueryResult) {
     EXPECT_EQ(QNiCloudMetadataItem::metadataItemWithMetadataItem(nullptr, false), nullptr);
-
-    const auto done = QNiCloudMetadataItem::metadataItemWithMetadataItem(
+    const auto item = QNiCloudMetadataItem::metadataItemWithMetadataItem(
         std::make_shared<qn::MetadataItem>(qn::Dictionary{
             {qn::NSMetadataItemPathKey, "/c/Docs/a.txt"},
             {qn::NSMetadataItemFSSizeKey, 12.9},
-            {qn::NSMetadataItemFSContentChangeDateKey, qn::Date(42)},
-            {qn::NSURLUbiquitousItemDownloadingStatusKey,
-             qn::NSURLUbiquitousItemDownloadingStatusCurrent},
-            {qn::NSMetadataUbiquitousItemIsDownloadingKey, true},
-            {qn::NSMetadataUbiquitousItemPercentDownloadedKey, 40.0},
-            {qn::NSMetadataUbiquitousItemIsUploadedKey, true},
-            {qn::NSMetadataUbiquitousItemIsUploadingKey, true},
-            {qn::NSMetadataUbiquitousItemPercentUploadedKey, 30.0},
-            {qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey, true},
         }),
         true);
-    EXPECT_TRUE(done->isDownloaded() && done->isUploaded() && done->hasUnresolvedConflicts());
-    EXPECT_FALSE(done->isDownloading() || done->isUploading());
-    EXPECT_TRUE(done->percentDownloaded() == 100.0 && done->percentUploaded() == 100.0);
-    EXPECT_EQ(done->contentSize(), 12u);
-    EXPECT_EQ(done->fsContentChangeDate(), qn::Date(42));
-    EXPECT_EQ(done->fileName(), std::nullopt);
-
-    const auto pending = QNiCloudMetadataItem::metadataItemWithMetadataItem(
-        std::make_shared<qn::MetadataItem>(qn::Dictionary{
-            {qn::NSMetadataUbiquitousItemIsDownloadingKey, true},
-            {qn::NSMetadataUbiquitousItemPercentDownloadedKey, 40.0},
-            {qn::NSMetadataUbiquitousItemIsUploadingKey, true},
-            {qn::NSMetadataUbiquitousItemPercentUploadedKey, 30.0},
-        }),
-        false);
-    EXPECT_TRUE(pending->isDownloading() && pending->isUploading());
-    EXPECT_TRUE(pending->percentDownloaded() == 40.0 && pending->percentUploaded() == 30.0);
-    EXPECT_TRUE(pending->contentSize() == 0u && !pending->fsContentChangeDate());
+    EXPECT_EQ(item->contentSize(), 12u);
+    EXPECT_EQ(item->fileName(), std::nullopt);
 }
 
 TEST(QNiCloudMetadataItemTest, DescriptionFormat) {

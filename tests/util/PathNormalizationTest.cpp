@@ -93,15 +93,10 @@ TEST(PathNormalizationTest, ComparisonsIgnoreSpellingCaseAndCompositionOnCompone
         std::string a, b;
         bool equal, aIsBaseOfB;
     };
+    // Short spellings of ASCII and accented names are covered exhaustively below.
     const Case cases[] = {
-        {"/A//b/", "/a/B", true, false},
         {"/a/x/../b", "/A/B", true, false},  // ".." leaves the allocation-free path
         {"/a", "/a/b/..", true, false},
-        {"/a/", "/A//b/", false, true},
-        {"/a", "/ab", false, false},
-        {"/D" + eAcute, "/d" + capital, true, false},
-        {"/D" + decomposed, "/d" + capital + "/", true, false},
-        {"/D" + eAcute, "/De", false, false},
         {"/Caf" + decomposed, "/CAF" + capital + "/x", false, true},
         {"/Caf" + eAcute, "/Caf" + eAcute + "s/x", false, false},
         {"/\u212A", "/k", true, false},
