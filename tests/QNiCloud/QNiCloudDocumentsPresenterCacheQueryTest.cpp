@@ -351,6 +351,9 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, AnotherCoordinatorsRemovalReach
                            "NSFilePresenter. Presented subitem was removed at "
                            "path " +
                                documentPath("a.txt")));
+    // The notification is handed to the main thread after the line is logged.
+    ASSERT_TRUE(
+        MainQueue::runUntil([&] { return !fileEvents().empty(); }, std::chrono::seconds(10)));
     settleMainQueue();
     EXPECT_EQ(fileEvents(), std::vector<std::string>{"-a.txt"});
     EXPECT_EQ(cachedPaths(), std::vector<std::string>{"b.txt"});
