@@ -333,6 +333,9 @@ std::shared_ptr<QNiCloudDocumentsPresenter> makePresenter(const Drive& d) {
     Timeline::shared().waitFor(kSettled, from);
     settleMainQueue();
     presenter->setCacheUpdatesInterval(0);
+    // The cache's automatic downloads are requested and queued as usual, but none runs: a
+    // download would change the container while it is measured.
+    presenter->setMaxSimultaneousFileDownloadsCount(0);
     return presenter;
 }
 

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "QNiCloud/QNiCloud.h"
+#include "QNiCloud/QNiCloudDownloadHandlers.h"
 #include "qn/Date.h"
 #include "qn/Dictionary.h"
 #include "qn/DirectoryEnumerator.h"
@@ -36,6 +37,7 @@
 
 class QNiCloudCache;
 class QNiCloudCacheEntry;
+class QNiCloudDownloadsManager;
 class QNiCloudMetadataItem;
 class QNiCloudMetadataQuery;
 
@@ -72,10 +74,11 @@ class QNiCloudMetadataQuery;
 ///   - `_cacheQueryLock`: the live metadata query and its batching interval;
 ///   - `_cacheLock`: the metadata cache and the cache-initialised flag;
 ///   - the class-level lock: the default presenter.
-/// `_cacheQueryLock` and `_cacheLock` are never held together. No notification is posted and no
-/// host code is called while the presenter holds one of them, except the queued hand-over of a
-/// notification to the main thread, which never waits, and log lines: a log sink must not call
-/// back into the presenter.
+/// `_cacheQueryLock` and `_cacheLock` are never held together. The downloads manager takes
+/// `_cacheLock` to read cached snapshots, possibly inside its own lock (which comes first). No
+/// notification is posted and no host code is called while the presenter holds one of them, except
+/// the queued hand-over of a notification to the main thread, which never waits, and log lines: a
+/// log sink must not call back into the presenter.
 class QNiCloudDocumentsPresenter final : public qn::Object, public qn::FilePresenter {
 public:
     /// The logger named "iCloud".
@@ -456,10 +459,32 @@ public:
     bool shouldStartDownloadForItemAtURL(const qn::URL& url);
     bool shouldStartDownloadForItemAtURL(const qn::URL& url,
                                          const QNiCloudMetadataItem* withMetadataItem);
-    /// Asks the downloads manager to download the item. The downloads manager is not built yet:
-    /// for now the request is only logged at debug level, and the cache's automatic downloads
-    /// (initial pass, uploads that finished) end here too.
+    // Downloads, forwarded to QNiCloudDownloadsManager::sharedManager() (see there for the
+    // handlers, which run on the main thread, and the token returned). Any thread.
+
+    /// Asks the downloads manager to download the item, without token or handlers. The cache's
+    /// automatic downloads (the initial pass, uploads that finished) come here too.
     void downloadItemAtURL(const qn::URL& url);
+    /// These first ask for the container's set-up (declined on the main thread, and then gone on
+    /// without), then forward every argument and answer the manager's token (null when the
+    /// network is unreachable).
+    QNBackgroundOperationPointer downloadItemsAtURLs(
+        const std::vector<qn::URL>& urls, QNBackgroundOperationPointer operation,
+        QNiCloudFileDownloadProgressHandler fileDownloadProgressHandler,
+        QNiCloudFileDownloadCompletionHandler fileDownloadCompletionHandler,
+        QNiCloudDownloadsProgressHandler progressHandler,
+        QNiCloudDownloadsCompletionHandler completionHandler,
+        QNiCloudDownloadErrorHandler errorHandler);
+    QNBackgroundOperationPointer downloadItemAtURL(
+        const qn::URL& url, bool isDirectory, QNBackgroundOperationPointer operation,
+        QNiCloudFileDownloadProgressHandler progressHandler,
+        QNiCloudFileDownloadCompletionHandler completionHandler,
+        QNiCloudDownloadErrorHandler errorHandler);
+    QNBackgroundOperationPointer downloadItemAtPath(
+        std::string_view path, bool isDirectory, QNBackgroundOperationPointer operation,
+        QNiCloudFileDownloadProgressHandler progressHandler,
+        QNiCloudFileDownloadCompletionHandler completionHandler,
+        QNiCloudDownloadErrorHandler errorHandler);
 
     // Listings, existence, attributes, moves, copies, removals and replacements of the
     // container's items. Each runs under file coordination through `newFileCoordinator` (so the
@@ -646,7 +671,8 @@ public:
     std::optional<std::set<std::string>> extensionsAllowedForAutomaticDownload() const;
     void setExtensionsAllowedForAutomaticDownload(
         std::optional<std::set<std::string>> extensionsAllowedForAutomaticDownload);
-    /// How many files may download at once. Default 3.
+    /// How many files may download at once: the shared downloads manager's limit, read and
+    /// written there. Default 3.
     std::uint64_t maxSimultaneousFileDownloadsCount() const;
     void setMaxSimultaneousFileDownloadsCount(std::uint64_t maxSimultaneousFileDownloadsCount);
 
@@ -662,6 +688,9 @@ public:
     void presentedSubitemDidChangeAtURL(const qn::URL& url) override;
 
 private:
+    // The downloads manager reads cached snapshots under `_cacheLock`.
+    friend class QNiCloudDownloadsManager;
+
     struct Private {
         explicit Private() = default;
     };
@@ -722,7 +751,6 @@ private:
     const std::shared_ptr<qn::OperationQueue> _presentedItemOperationQueue;
     std::atomic<double> _threadPriority{0.5};
     std::atomic<double> _cacheUpdatesInterval{1.0};
-    std::atomic<std::uint64_t> _maxSimultaneousFileDownloadsCount{3};
     std::atomic<std::uint32_t> _comparisonRun{0};
     // What the last comparison found for each result position: the entry the result at that
     // position was looked up at. Valid while `_comparisonHintsCache` is the cache and entries

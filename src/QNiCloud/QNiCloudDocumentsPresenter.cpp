@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "QNiCloud/QNiCloudCache.h"
+#include "QNiCloud/QNiCloudDownloadsManager.h"
 #include "QNiCloud/QNiCloudMetadataQuery.h"
 #include "qn/DispatchQueue.h"
 #include "qn/Error.h"
@@ -387,14 +388,15 @@ void QNiCloudDocumentsPresenter::setExtensionsAllowedForAutomaticDownload(
     _extensionsAllowedForAutomaticDownload = std::move(extensionsAllowedForAutomaticDownload);
 }
 
-// Held here until the downloads manager exists; then both forward to it.
+// The limit belongs to the process-wide scheduler; the presenter keeps no copy.
 std::uint64_t QNiCloudDocumentsPresenter::maxSimultaneousFileDownloadsCount() const {
-    return _maxSimultaneousFileDownloadsCount.load();
+    return QNiCloudDownloadsManager::sharedManager()->maxSimultaneousFileDownloadsCount();
 }
 
 void QNiCloudDocumentsPresenter::setMaxSimultaneousFileDownloadsCount(
     std::uint64_t maxSimultaneousFileDownloadsCount) {
-    _maxSimultaneousFileDownloadsCount.store(maxSimultaneousFileDownloadsCount);
+    QNiCloudDownloadsManager::sharedManager()->setMaxSimultaneousFileDownloadsCount(
+        maxSimultaneousFileDownloadsCount);
 }
 
 std::optional<qn::URL> QNiCloudDocumentsPresenter::presentedItemURL() const {

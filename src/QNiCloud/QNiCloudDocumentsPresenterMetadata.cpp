@@ -1,13 +1,17 @@
 // The presenter's answers about one item's cloud state: its metadata, whether it (or everything
 // below a directory) is downloaded, whether the library should download it on its own, and the
-// one way to change a cached item's state ahead of the query.
+// one way to change a cached item's state ahead of the query; and the download requests, which
+// the downloads manager serves.
 
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "QNiCloud/QNiCloudCache.h"
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
+#include "QNiCloud/QNiCloudDownloadsManager.h"
 #include "QNiCloud/QNiCloudMetadataItem.h"
 #include "qn/Error.h"
 #include "qn/FileAttributes.h"
@@ -196,6 +200,42 @@ bool QNiCloudDocumentsPresenter::shouldStartDownloadForItemAtURL(
 }
 
 void QNiCloudDocumentsPresenter::downloadItemAtURL(const qn::URL& url) {
-    // Until the downloads manager exists, a request ends here.
     l4Logger().debug("Download of item at URL {} requested.", url);
+    QNiCloudDownloadsManager::sharedManager()->downloadItemAtURL(url);
+}
+
+QNBackgroundOperationPointer QNiCloudDocumentsPresenter::downloadItemsAtURLs(
+    const std::vector<qn::URL>& urls, QNBackgroundOperationPointer operation,
+    QNiCloudFileDownloadProgressHandler fileDownloadProgressHandler,
+    QNiCloudFileDownloadCompletionHandler fileDownloadCompletionHandler,
+    QNiCloudDownloadsProgressHandler progressHandler,
+    QNiCloudDownloadsCompletionHandler completionHandler,
+    QNiCloudDownloadErrorHandler errorHandler) {
+    setupiCloudContainerIfSafeAndNecessary();  // declined on the main thread: go on without
+    return QNiCloudDownloadsManager::sharedManager()->downloadItemsAtURLs(
+        urls, std::move(operation), std::move(fileDownloadProgressHandler),
+        std::move(fileDownloadCompletionHandler), std::move(progressHandler),
+        std::move(completionHandler), std::move(errorHandler));
+}
+
+QNBackgroundOperationPointer QNiCloudDocumentsPresenter::downloadItemAtURL(
+    const qn::URL& url, bool isDirectory, QNBackgroundOperationPointer operation,
+    QNiCloudFileDownloadProgressHandler progressHandler,
+    QNiCloudFileDownloadCompletionHandler completionHandler,
+    QNiCloudDownloadErrorHandler errorHandler) {
+    setupiCloudContainerIfSafeAndNecessary();  // declined on the main thread: go on without
+    return QNiCloudDownloadsManager::sharedManager()->downloadItemAtURL(
+        url, isDirectory, std::move(operation), std::move(progressHandler),
+        std::move(completionHandler), std::move(errorHandler));
+}
+
+QNBackgroundOperationPointer QNiCloudDocumentsPresenter::downloadItemAtPath(
+    std::string_view path, bool isDirectory, QNBackgroundOperationPointer operation,
+    QNiCloudFileDownloadProgressHandler progressHandler,
+    QNiCloudFileDownloadCompletionHandler completionHandler,
+    QNiCloudDownloadErrorHandler errorHandler) {
+    setupiCloudContainerIfSafeAndNecessary();  // declined on the main thread: go on without
+    return QNiCloudDownloadsManager::sharedManager()->downloadItemAtPath(
+        path, isDirectory, std::move(operation), std::move(progressHandler),
+        std::move(completionHandler), std::move(errorHandler));
 }

@@ -13,6 +13,7 @@
 
 #include "PresenterFixture.h"
 #include "QNiCloud/QNiCloudCache.h"
+#include "QNiCloud/QNiCloudDownloadsManager.h"
 #include "qn/Logger.h"
 
 namespace qn::test {
@@ -28,6 +29,10 @@ protected:
         if (cloud == nullptr) {
             installCloud("alice@example.com");
         }
+        // The cache's automatic downloads would fetch the cloud-only items the tests set up:
+        // with a limit of 0 the downloads manager accepts requests and starts none. Download
+        // tests raise it.
+        QNiCloudDownloadsManager::sharedManager()->setMaxSimultaneousFileDownloadsCount(0);
         presenter = makePresenter();
         // As a host does: conflict checks of query results go through the default presenter.
         QNiCloudDocumentsPresenter::setDefaultPresenter(presenter);
@@ -36,6 +41,19 @@ protected:
         ASSERT_TRUE(MainQueue::runUntil([&] { return cloud->runningFeedCount() == 1; },
                                         std::chrono::seconds(10)));
         documents = presenter->documentsDirectoryURL().path();
+    }
+
+    void TearDown() override {
+        // The manager outlives the test: drop what it holds and let its queue run dry.
+        const auto& manager = QNiCloudDownloadsManager::sharedManager();
+        manager->cancelAllDownloads();
+        MainQueue::runUntil(
+            [&] { return manager->downloadOperationQueue()->operationCount() == 0; },
+            std::chrono::seconds(10));
+        manager->cancelAllDownloads();
+        manager->setMaxSimultaneousFileDownloadsCount(3);
+        manager->setPaused(false);
+        PresenterFixture::TearDown();
     }
 
     // Delivers the first gathering and waits for the initialised cache.
