@@ -1,9 +1,10 @@
 // A host program's first minutes with the library, on a simulated cloud in a temporary drive
 // directory: it creates and installs the default presenter for its container, registers it, and
 // prints each notification as it arrives on the main thread while the presenter's cache fills
-// from the cloud, the user switches accounts, documents appear, download and disappear, and a
-// conflict check tells real conflicts from repeated edits. It also shows how the library sums up
-// what changed about a document between two snapshots of its cloud state.
+// from the cloud, the user switches accounts, and documents appear, download and disappear. The
+// host then downloads a document and a folder on request, following them through its download
+// handlers, and a conflict check tells real conflicts from repeated edits. It also shows how the
+// library sums up what changed about a document between two snapshots of its cloud state.
 
 #include <fmt/core.h>
 #include <fmt/format.h>
@@ -16,11 +17,13 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "QNiCloud/QNiCloud.h"
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
+#include "QNiCloud/QNiCloudDownloadsManager.h"
 #include "QNiCloud/QNiCloudMetadataItem.h"
 #include "qn/Dictionary.h"
 #include "qn/DispatchQueue.h"
@@ -94,6 +97,95 @@ std::string shortPath(const qn::Notification& n) {
     return documents == std::string::npos ? *path : path->substr(documents + 11);
 }
 
+// Downloads the host asks for, followed through their handlers, which run on the main thread:
+// a document that is only in the cloud, a folder, then the folder's files by name, at most one
+// download at a time. The simulated cloud moves a download only when told, so the example also
+// plays the cloud's part: it takes each file the downloads manager has started halfway, then to
+// the end.
+bool downloadOnRequest(const std::shared_ptr<qn::SimulatedCloud>& cloud,
+                       QNiCloudDocumentsPresenter& presenter, const qn::URL& document,
+                       const qn::URL& folder, const std::vector<qn::URL>& folderFiles) {
+    const auto& manager = QNiCloudDownloadsManager::sharedManager();
+    presenter.setMaxSimultaneousFileDownloadsCount(1);
+    // Shared with the handlers, which would outlive this function if a wait gave up.
+    struct Heard {
+        int progressReports = 0;
+        int completions = 0;
+        bool failed = false;
+    };
+    const auto heard = std::make_shared<Heard>();
+    const auto progress = [heard, manager](const QNBackgroundOperationPointer&, const qn::URL& url,
+                                           std::uint64_t size, std::uint64_t downloaded,
+                                           std::uint64_t, double percent) {
+        fmt::print("main thread ({}): {} {} of {} bytes ({:.0f} %), downloads running: {} of {}\n",
+                   qn::MainQueue::isMainThread(), url.lastPathComponent(), downloaded, size,
+                   percent, manager->activeFilesDownloads().size(),
+                   manager->maxSimultaneousFileDownloadsCount());
+        ++heard->progressReports;
+    };
+    const auto completion = [heard](const QNBackgroundOperationPointer&, const qn::URL& url,
+                                    std::uint64_t size, std::uint64_t) {
+        fmt::print("main thread ({}): {} downloaded, {} bytes\n", qn::MainQueue::isMainThread(),
+                   url.lastPathComponent(), size);
+        ++heard->completions;
+    };
+    const auto failure = [heard](const QNBackgroundOperationPointer&, const qn::Error& error) {
+        fmt::print("main thread ({}): download failed: {}\n", qn::MainQueue::isMainThread(),
+                   error.localizedDescription());
+        heard->failed = true;
+    };
+
+    presenter.downloadItemsAtURLs({document}, nullptr, progress, completion, nullptr, nullptr,
+                                  failure);
+    // A folder request fetches nothing by itself: it is answered at once, with nothing to fetch.
+    presenter.downloadItemAtURL(
+        folder, true, nullptr, nullptr,
+        [](const QNBackgroundOperationPointer&, const qn::URL& url, std::uint64_t size,
+           std::uint64_t) {
+            fmt::print("main thread ({}): folder {} answered, {} bytes to fetch\n",
+                       qn::MainQueue::isMainThread(), url.lastPathComponent(), size);
+        },
+        failure);
+    presenter.downloadItemsAtURLs(
+        folderFiles, nullptr, progress, completion, nullptr,
+        [](const QNBackgroundOperationPointer&) {
+            fmt::print("main thread ({}): every file of the folder is downloaded\n",
+                       qn::MainQueue::isMainThread());
+        },
+        failure);
+
+    std::vector<qn::URL> waiting = folderFiles;
+    waiting.push_back(document);
+    const auto downloading = [&]() -> std::optional<qn::URL> {
+        for (const auto& url : waiting) {
+            if (const auto item = cloud->item(url); item && item->downloading) {
+                return url;
+            }
+        }
+        return std::nullopt;
+    };
+    while (!waiting.empty()) {
+        if (!qn::MainQueue::runUntil([&] { return downloading() || heard->failed; }, kPatience) ||
+            heard->failed) {
+            return false;
+        }
+        const qn::URL url = *downloading();
+        const int reports = heard->progressReports;
+        const int completions = heard->completions;
+        cloud->advanceDownload(url, 50);
+        if (!qn::MainQueue::runUntil([&] { return heard->progressReports > reports; }, kPatience)) {
+            return false;
+        }
+        cloud->advanceDownload(url, 100);
+        if (!qn::MainQueue::runUntil([&] { return heard->completions > completions; }, kPatience)) {
+            return false;
+        }
+        waiting.erase(std::find(waiting.begin(), waiting.end(), url));
+    }
+    presenter.setMaxSimultaneousFileDownloadsCount(3);
+    return true;
+}
+
 // What a host does at start-up, with the account following the user's moves.
 bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
     auto& center = qn::NotificationCenter::defaultCenter();
@@ -154,6 +246,12 @@ bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
     cloud->setItem(document("Trip/Itinerary.txt"),
                    qn::SimulatedItemState::notDownloaded("Day 1: Lisbon.\n"));
     cloud->setItem(document("Trip/Budget.numbers"), qn::SimulatedItemState::directory());
+    cloud->setItem(document("Photos"), qn::SimulatedItemState::directory());
+    const std::vector<qn::URL> photos = {document("Photos/Beach.jpg"),
+                                         document("Photos/Harbour.jpg")};
+    for (const auto& photo : photos) {
+        cloud->setItem(photo, qn::SimulatedItemState::notDownloaded(std::string(2048, '*')));
+    }
     cloud->setAutomaticDelivery(true);
 
     // Creation returns at once; the account is read and the container set up in the background.
@@ -161,17 +259,25 @@ bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
     auto presenter = QNiCloudDocumentsPresenter::initWithContainerIdentifier(kContainerIdentifier);
     QNiCloudDocumentsPresenter::setDefaultPresenter(presenter);
     presenter->setCacheUpdatesInterval(0.1);
+    // The library fetches PDFs on its own; everything else is downloaded when the host asks.
+    presenter->setExtensionsAllowedForAutomaticDownload(std::set<std::string>{"pdf"});
     presenter->registerForFileChangesNotifications();
+    // The container may be set up twice: once by the first background caller, and again when
+    // the first reading of the account finds it available.
     bool ok = qn::MainQueue::runUntil(
-        [&] { return accountChanges == 1 && containerSetUps == 1 && cacheReady == 1; }, kPatience);
+        [&] { return accountChanges == 1 && containerSetUps >= 1 && cacheReady == 1; }, kPatience);
     fmt::print("documents live in {}\n", presenter->documentsDirectoryURL().path());
 
     // The identity change reaches the presenter on the main thread, which never sets the
     // container up; the next background caller (here the restarted query) does. The old account's
     // cache is dropped and the new one's gathered.
+    const int setUpsBefore = containerSetUps;
     cloud->switchAccount("bob@example.com");
     ok = ok && qn::MainQueue::runUntil(
-                   [&] { return accountChanges == 2 && containerSetUps == 2 && cacheReady == 2; },
+                   [&] {
+                       return accountChanges == 2 && containerSetUps > setUpsBefore &&
+                              cacheReady == 2;
+                   },
                    kPatience);
 
     // The cache follows the cloud: a new document, a download on its way, a removal.
@@ -191,6 +297,11 @@ bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
                presenter->isFileDownloadedAtURL(document("Trip/Itinerary.txt")));
     cloud->removeItem(document("Welcome.txt"));
     ok = ok && qn::MainQueue::runUntil([&] { return hasHeard("removed: Welcome.txt"); }, kPatience);
+
+    // From here the host follows its downloads through their handlers.
+    changeObservation.reset();
+    ok = ok &&
+         downloadOnRequest(cloud, *presenter, document("Ideas.txt"), document("Photos"), photos);
 
     // The same document saved on two computers: the cloud keeps the other computers' versions as
     // conflicts. One of them only repeats this computer's edit; the check removes it quietly and
