@@ -94,8 +94,10 @@ std::optional<QNiCloudDownloadsManager::ItemState> QNiCloudDownloadsManager::ite
 }
 
 void QNiCloudDownloadsManager::cancelAllDownloads() {
-    _downloadOperationQueue->cancelAllOperations();
+    // A request being expanded stops at its next item once it sees the cancellation. (One it
+    // is queueing at this very moment can still land after the collections are emptied.)
     std::lock_guard lock(_itemsDownloadsLock);
+    _downloadOperationQueue->cancelAllOperations();
     _activeFilesDownloads.clear();
     _filesDownloadsQueue.clear();
     _downloadingItemsPaths.clear();
@@ -186,6 +188,9 @@ void QNiCloudDownloadsManager::runBatchRequest(
     const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter();
     std::vector<FileDownloadPointer> alreadyLocal;
     for (const auto& url : urls) {
+        if (outerOperation.isCancelled()) {
+            return;  // everything was cancelled (an account change): nothing more is wanted
+        }
         const auto state = itemStateForPath(presenter.get(), url.path());
         const std::string path = qn::stringByNormalizingPath(url.path());
         FileDownloadPointer record;
@@ -233,9 +238,7 @@ void QNiCloudDownloadsManager::runBatchRequest(
             });
         if (addDownload(record, false, outerOperation)) {
             batch->totalSize += record->sizeToDownload();
-        } else if (outerOperation.isCancelled()) {
-            return;  // everything was cancelled while the request waited for the cache
-        } else {
+        } else if (!outerOperation.isCancelled()) {
             alreadyLocal.push_back(record);
         }
     }
@@ -290,6 +293,9 @@ QNBackgroundOperationPointer QNiCloudDownloadsManager::downloadItemAtPath(
             record->setCompletionHandler(completion);
             record->setErrorHandler(error);
             record->setPriority(1);
+            if (outerOperation.isCancelled()) {
+                return;  // everything was cancelled (an account change) before it began
+            }
             addDownload(record, true, outerOperation);
             if (!outerOperation.isCancelled()) {
                 startNextFileDownloadIfPossible();

@@ -2,6 +2,7 @@
 // network, the cache, removals, file changes and account changes, and the bookkeeping that turns
 // one finished or progressing file into callbacks for its caller or its directory request.
 
+#include <limits>
 #include <mutex>
 #include <utility>
 
@@ -13,6 +14,16 @@
 #include "qn/MainQueue.h"
 
 namespace {
+
+// Bytes from a percentage of a size, truncated toward zero. A percentage from metadata may be
+// missing (NaN) or out of range, which a plain conversion would make undefined.
+std::uint64_t truncatedBytes(double bytes) {
+    if (!(bytes > 0)) {
+        return 0;
+    }
+    return bytes >= 0x1p64 ? std::numeric_limits<std::uint64_t>::max()
+                           : static_cast<std::uint64_t>(bytes);
+}
 
 qn::Error downloadError(std::int64_t code, std::string_view text, qn::Dictionary userInfo = {}) {
     userInfo.set(qn::NSLocalizedDescriptionKey, qn::localizedString(text, "", ""));
@@ -61,7 +72,7 @@ void QNiCloudDownloadsManager::fileWasRemoved(const qn::Notification& notificati
     const std::string* path = notification.userInfo.stringForKey(QNiCloudSourcePathKey);
     if (notification.userInfo.boolForKey(QNiCloudIsDirectoryKey).value_or(false) ||
         path == nullptr) {
-        return;  // a removed directory ends nothing by itself; its files are told one by one
+        return;  // a removed directory ends nothing by itself
     }
     didFinishDownloadForFileAtNormalizedPath(
         *path, downloadError(QNiCloudErrorNoSuchFile, "The operation couldn't be completed.",
@@ -212,8 +223,8 @@ void QNiCloudDownloadsManager::didChangeProgressForFileDownload(
             return;
         }
         const std::uint64_t previous = directory->downloadedSize();
-        const std::uint64_t fileDownloaded = static_cast<std::uint64_t>(
-            percent * static_cast<double>(download->sizeToDownload()) / 100.0);
+        const std::uint64_t fileDownloaded =
+            truncatedBytes(percent * static_cast<double>(download->sizeToDownload()) / 100.0);
         directory->setDownloadedSize(directory->downloadedSize() - download->downloadedSize() +
                                      fileDownloaded);
         download->setDownloadedSize(fileDownloaded);
@@ -230,8 +241,8 @@ void QNiCloudDownloadsManager::didChangeProgressForFileDownload(
         return;
     }
     const std::uint64_t previous = download->downloadedSize();
-    download->setDownloadedSize(static_cast<std::uint64_t>(
-        static_cast<double>(download->sizeToDownload()) * percent / 100.0));
+    download->setDownloadedSize(
+        truncatedBytes(static_cast<double>(download->sizeToDownload()) * percent / 100.0));
     qn::MainQueue::async([handler, token = download->backgroundOperation(),
                           url = qn::URL::fileURLWithPath(download->path()),
                           size = download->sizeToDownload(),
