@@ -228,10 +228,11 @@ void QNiCloudDownloadsManager::didChangeProgressForFileDownload(
         directory->setDownloadedSize(directory->downloadedSize() - download->downloadedSize() +
                                      fileDownloaded);
         download->setDownloadedSize(fileDownloaded);
-        qn::MainQueue::async([handler, token = directory->backgroundOperation(),
-                              url = qn::URL::fileURLWithPath(directory->path()),
-                              size = directory->sizeToDownload(),
-                              downloaded = directory->downloadedSize(), previous] {
+        // The counts are read when the handler runs, as they stand then.
+        qn::MainQueue::async([handler, directory, token = directory->backgroundOperation(),
+                              url = qn::URL::fileURLWithPath(directory->path()), previous] {
+            const std::uint64_t size = directory->sizeToDownload();
+            const std::uint64_t downloaded = directory->downloadedSize();
             handler(token, url, size, downloaded, previous, percentOf(downloaded, size));
         });
         return;
@@ -243,9 +244,9 @@ void QNiCloudDownloadsManager::didChangeProgressForFileDownload(
     const std::uint64_t previous = download->downloadedSize();
     download->setDownloadedSize(
         truncatedBytes(static_cast<double>(download->sizeToDownload()) * percent / 100.0));
-    qn::MainQueue::async([handler, token = download->backgroundOperation(),
-                          url = qn::URL::fileURLWithPath(download->path()),
-                          size = download->sizeToDownload(),
-                          downloaded = download->downloadedSize(), previous,
-                          percent] { handler(token, url, size, downloaded, previous, percent); });
+    qn::MainQueue::async([handler, download, token = download->backgroundOperation(),
+                          url = qn::URL::fileURLWithPath(download->path()), previous, percent] {
+        handler(token, url, download->sizeToDownload(), download->downloadedSize(), previous,
+                percent);
+    });
 }
