@@ -14,6 +14,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 
 #include "qn/Dictionary.h"
@@ -100,6 +101,17 @@ private:
 inline void setError(Error* out, Error value) {
     if (out != nullptr) {
         *out = std::move(value);
+    }
+}
+
+/// The same for an error that costs something to make (a localized description): `make` runs
+/// only when the caller asked for the error. Failures that callers routinely ignore, such as
+/// asking for the attributes of an item that is not there, stay cheap.
+template <class Make>
+requires std::is_invocable_r_v<Error, Make>
+void setError(Error* out, Make&& make) {
+    if (out != nullptr) {
+        *out = std::forward<Make>(make)();
     }
 }
 

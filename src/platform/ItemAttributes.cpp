@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdint>
 #include <limits>
+#include <mutex>
+#include <unordered_map>
 
 #include "qn/FileAttributes.h"
 
@@ -54,6 +57,36 @@ std::optional<std::string> accountName(Id id, Lookup lookup, NameOf nameOf) {
     }
 }
 
+// Asking the name service reads and parses the account databases each time, which would cost
+// every attribute query more than the stat itself. Names are kept for a few seconds, so a
+// renamed account shows its new name soon after. One cache for each kind of account.
+template <class Entry, class Id, class Lookup, class NameOf>
+std::optional<std::string> rememberedAccountName(Id id, Lookup lookup, NameOf nameOf) {
+    using Clock = std::chrono::steady_clock;
+    constexpr auto kKeptFor = std::chrono::seconds(10);
+    struct Known {
+        Clock::time_point askedAt;
+        std::optional<std::string> name;
+    };
+    static std::mutex mutex;  // guards `known`
+    static std::unordered_map<Id, Known> known;
+    const auto now = Clock::now();
+    {
+        std::lock_guard lock(mutex);
+        if (const auto found = known.find(id);
+            found != known.end() && now - found->second.askedAt < kKeptFor) {
+            return found->second.name;
+        }
+    }
+    auto name = accountName<Entry>(id, lookup, nameOf);  // not under the lock: it may be slow
+    std::lock_guard lock(mutex);
+    if (known.size() >= 1024) {
+        known.clear();  // a bound, not a policy: real systems show a handful of owners
+    }
+    known[id] = Known{now, name};
+    return name;
+}
+
 // An integer ID or permission value: any number but a bool, integral and within [0, max].
 std::optional<std::uint64_t> wholeNumber(const Value& value, std::uint64_t max) {
     if (!value.isNumber() || value.type() == Value::Type::Bool) {
@@ -90,12 +123,12 @@ Dictionary attributesFromStatus(const ItemStatus& status) {
     attributes.set(NSFilePosixPermissions, static_cast<std::int64_t>(status.mode & 07777));
     attributes.set(NSFileOwnerAccountID, static_cast<std::uint64_t>(status.owner));
     attributes.set(NSFileGroupOwnerAccountID, static_cast<std::uint64_t>(status.group));
-    if (auto name = accountName<struct passwd>(status.owner, ::getpwuid_r,
-                                               [](const passwd& entry) { return entry.pw_name; })) {
+    if (auto name = rememberedAccountName<struct passwd>(
+            status.owner, ::getpwuid_r, [](const passwd& entry) { return entry.pw_name; })) {
         attributes.set(NSFileOwnerAccountName, std::move(*name));
     }
-    if (auto name = accountName<struct group>(status.group, ::getgrgid_r,
-                                              [](const group& entry) { return entry.gr_name; })) {
+    if (auto name = rememberedAccountName<struct group>(
+            status.group, ::getgrgid_r, [](const group& entry) { return entry.gr_name; })) {
         attributes.set(NSFileGroupOwnerAccountName, std::move(*name));
     }
     attributes.set(NSFileReferenceCount, status.linkCount);

@@ -139,7 +139,7 @@ std::optional<Dictionary> PosixFileManager::attributesOfItemAtPath(std::string_v
                                                                    Error* error) {
     ItemStatus status;
     if (const int result = statusOfItem(std::string(path), false, &status); result != 0) {
-        setError(error, fileError(result, FileAccess::Reading, path));
+        setError(error, [&] { return fileError(result, FileAccess::Reading, path); });
         return std::nullopt;
     }
     return attributesFromStatus(status);

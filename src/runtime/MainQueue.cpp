@@ -54,8 +54,11 @@ public:
     const int pollFd = makePollSet(eventFd, timerFd);
 
     void push(std::function<void()> work) {
-        std::lock_guard lock(mutex_);
-        pushLocked(std::move(work));
+        {
+            std::lock_guard lock(mutex_);
+            pushLocked(std::move(work));
+        }
+        // Outside the lock, so that the main thread does not wake only to wait for the mutex.
         wake_.notify_one();
     }
 

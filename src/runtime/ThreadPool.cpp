@@ -37,7 +37,7 @@ void ThreadPool::submit(QualityOfService qos, std::function<void()> task) {
     if (!task) {
         throw InternalInconsistencyException("ThreadPool::submit: empty task.");
     }
-    std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
     auto& band = waiting_[bandOf(qos)];
     band.push_back(std::move(task));
     ++waitingCount_;
@@ -56,6 +56,9 @@ void ThreadPool::submit(QualityOfService qos, std::function<void()> task) {
             }
         }
     }
+    // Told after the lock is let go: a worker woken while it is still held would at once sleep
+    // again on the mutex, and waking a thread is the dearest part of a hand-over.
+    lock.unlock();
     wake_.notify_one();
 }
 
