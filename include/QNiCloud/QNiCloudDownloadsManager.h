@@ -28,6 +28,7 @@
 #include "qn/URL.h"
 
 class QNiCloudDocumentsPresenter;
+class QNiCloudMetadataItem;
 
 /// Downloads the default presenter's cloud items on request.
 ///
@@ -61,13 +62,14 @@ class QNiCloudDocumentsPresenter;
 /// starts and reactions to the presenter's notifications run one at a time on
 /// `downloadOperationQueue`. `startNextFileDownloadIfPossible` also runs on whichever thread
 /// calls it (the main thread when the network returns), so two threads may start downloads at
-/// once; the limit can then briefly be exceeded by one per extra thread.
+/// once; a record being started holds its place against the limit, which is therefore never
+/// exceeded.
 ///
 /// Locks:
-///   - `_itemsDownloadsLock` (recursive) guards `_activeFilesDownloads`, `_filesDownloadsQueue`
-///     and `_downloadingItemsPaths`. It is taken before the presenter's `_cacheLock` (the
-///     directory expansion enumerates the cache while holding it) and never while waiting for the
-///     main thread.
+///   - `_itemsDownloadsLock` (recursive) guards `_activeFilesDownloads`, `_filesDownloadsQueue`,
+///     `_downloadingItemsPaths`, `_startingCount` and `_cancellationGeneration`. It is taken before
+///     the presenter's `_cacheLock` (the directory expansion enumerates the cache while holding it)
+///     and never while waiting for the main thread.
 ///   - `_cacheInitializedCondition` is held only around the test of the presenter's
 ///     `cacheInitialized` in the expansion's wait loop; nothing else is taken inside it.
 /// The manager reads the presenter's cached snapshots under the presenter's `_cacheLock`.
@@ -228,17 +230,32 @@ private:
         bool isUploaded = false;
         double percentDownloaded = 0;
         std::uint64_t contentSize = 0;
-        std::string description;
+        // For the log line of a refusal only: formatting it costs more than the rest together.
+        std::shared_ptr<const QNiCloudMetadataItem> item;
     };
     static std::optional<ItemState> itemStateForPath(QNiCloudDocumentsPresenter* presenter,
                                                      std::string_view path);
+    static std::string describeItem(QNiCloudDocumentsPresenter& presenter,
+                                    const QNiCloudMetadataItem& item);
 
     void registerForNotifications();
     /// Waits until the default presenter's cache is initialised; false when `outerOperation` was
     /// cancelled meanwhile (all downloads were cancelled).
     bool waitUntilCacheInitialized(const qn::OuterOperation& outerOperation);
+    // The forms used by requests: nothing is queued once `outerOperation` is cancelled, which
+    // `cancelAllDownloads` does under `_itemsDownloadsLock`.
     bool addDownload(const FileDownloadPointer& download, bool callCompletionHandlerIfDownloaded,
                      const qn::OuterOperation& outerOperation);
+    bool addDirectoryDownload(const std::shared_ptr<QNiCloudDirectoryDownload>& download,
+                              bool callCompletionHandlerIfDownloaded,
+                              const qn::OuterOperation& outerOperation);
+    bool addFileDownload(const FileDownloadPointer& download,
+                         bool callCompletionHandlerIfDownloaded,
+                         const qn::OuterOperation& outerOperation);
+    enum class StartOutcome { Started, RefusedStartNext, RefusedStop };
+    // Checks the record's metadata and asks the platform to start it; a refused record is
+    // finished with its error.
+    StartOutcome startFileDownload(const FileDownloadPointer& record);
     void enqueueLocked(const FileDownloadPointer& download);
     void addActiveLocked(const FileDownloadPointer& download);
     void removeActiveLocked(const FileDownloadPointer& download);
@@ -256,6 +273,8 @@ private:
     std::deque<FileDownloadPointer> _filesDownloadsQueue;    // index 0 starts next
     std::unordered_set<std::string> _downloadingItemsPaths;
     std::recursive_mutex _itemsDownloadsLock;
+    std::size_t _startingCount = 0;  // records between leaving the queue and becoming active
+    std::uint64_t _cancellationGeneration = 0;  // counts `cancelAllDownloads`
     qn::Condition _cacheInitializedCondition;
     const std::shared_ptr<QNReachability> _networkReachability;
     std::atomic<bool> _paused{false};

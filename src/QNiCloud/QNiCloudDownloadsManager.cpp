@@ -90,13 +90,20 @@ std::optional<QNiCloudDownloadsManager::ItemState> QNiCloudDownloadsManager::ite
     std::lock_guard lock(presenter->_cacheLock);
     return ItemState{item->isDownloaded(), item->hasUnresolvedConflicts(),
                      item->isUploaded(),   item->percentDownloaded(),
-                     item->contentSize(),  item->description()};
+                     item->contentSize(),  item};
+}
+
+std::string QNiCloudDownloadsManager::describeItem(QNiCloudDocumentsPresenter& presenter,
+                                                   const QNiCloudMetadataItem& item) {
+    std::lock_guard lock(presenter._cacheLock);
+    return item.description();
 }
 
 void QNiCloudDownloadsManager::cancelAllDownloads() {
-    // A request being expanded stops at its next item once it sees the cancellation. (One it
-    // is queueing at this very moment can still land after the collections are emptied.)
+    // Under the lock: a request being expanded sees the cancellation before it queues its next
+    // record, and a start under way sees the new generation before it counts its record active.
     std::lock_guard lock(_itemsDownloadsLock);
+    ++_cancellationGeneration;
     _downloadOperationQueue->cancelAllOperations();
     _activeFilesDownloads.clear();
     _filesDownloadsQueue.clear();
@@ -337,10 +344,10 @@ bool QNiCloudDownloadsManager::addDownload(const FileDownloadPointer& download,
         return false;
     }
     if (const auto directory = std::dynamic_pointer_cast<QNiCloudDirectoryDownload>(download)) {
-        return addDirectoryDownload(directory, callCompletionHandlerIfDownloaded);
+        return addDirectoryDownload(directory, callCompletionHandlerIfDownloaded, outerOperation);
     }
     if (download != nullptr) {
-        return addFileDownload(download, callCompletionHandlerIfDownloaded);
+        return addFileDownload(download, callCompletionHandlerIfDownloaded, outerOperation);
     }
     return false;
 }
@@ -348,9 +355,18 @@ bool QNiCloudDownloadsManager::addDownload(const FileDownloadPointer& download,
 bool QNiCloudDownloadsManager::addDirectoryDownload(
     const std::shared_ptr<QNiCloudDirectoryDownload>& download,
     bool callCompletionHandlerIfDownloaded) {
+    return addDirectoryDownload(download, callCompletionHandlerIfDownloaded, qn::OuterOperation());
+}
+
+bool QNiCloudDownloadsManager::addDirectoryDownload(
+    const std::shared_ptr<QNiCloudDirectoryDownload>& download,
+    bool callCompletionHandlerIfDownloaded, const qn::OuterOperation& outerOperation) {
     const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter();
     {
         std::lock_guard lock(_itemsDownloadsLock);
+        if (outerOperation.isCancelled()) {
+            return false;
+        }
         if (presenter != nullptr) {
             const std::string& directoryPath = download->path();
             presenter->enumerateDirectoryAtPath(
@@ -402,6 +418,12 @@ bool QNiCloudDownloadsManager::addDirectoryDownload(
 
 bool QNiCloudDownloadsManager::addFileDownload(const FileDownloadPointer& download,
                                                bool callCompletionHandlerIfDownloaded) {
+    return addFileDownload(download, callCompletionHandlerIfDownloaded, qn::OuterOperation());
+}
+
+bool QNiCloudDownloadsManager::addFileDownload(const FileDownloadPointer& download,
+                                               bool callCompletionHandlerIfDownloaded,
+                                               const qn::OuterOperation& outerOperation) {
     const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter();
     const auto state = itemStateForPath(presenter.get(), download->path());
     if (state && state->isDownloaded) {
@@ -416,6 +438,9 @@ bool QNiCloudDownloadsManager::addFileDownload(const FileDownloadPointer& downlo
         return false;
     }
     std::lock_guard lock(_itemsDownloadsLock);
+    if (outerOperation.isCancelled()) {
+        return false;
+    }
     enqueueLocked(download);
     return true;
 }
@@ -456,9 +481,12 @@ void QNiCloudDownloadsManager::startNextFileDownloadIfPossible() {
         setPaused(false);
     }
     FileDownloadPointer record;
+    std::uint64_t generation = 0;
     {
         std::lock_guard lock(_itemsDownloadsLock);
-        if (_activeFilesDownloads.size() >= maxSimultaneousFileDownloadsCount() ||
+        // Records being started on other threads count against the limit too, so that two
+        // threads starting at once never exceed it together.
+        if (_activeFilesDownloads.size() + _startingCount >= maxSimultaneousFileDownloadsCount() ||
             _filesDownloadsQueue.empty()) {
             return;
         }
@@ -469,62 +497,77 @@ void QNiCloudDownloadsManager::startNextFileDownloadIfPossible() {
             record = _filesDownloadsQueue.front();
             _filesDownloadsQueue.pop_front();
         }
+        if (record->isCancelled()) {
+            return;
+        }
+        ++_startingCount;
+        generation = _cancellationGeneration;
     }
-    if (record->isCancelled()) {
+    const StartOutcome outcome = startFileDownload(record);
+    bool active = false;
+    {
+        std::lock_guard lock(_itemsDownloadsLock);
+        --_startingCount;
+        // After an account change a started record belongs to nobody: it goes on unseen.
+        active = outcome == StartOutcome::Started && generation == _cancellationGeneration;
+        if (active) {
+            addActiveLocked(record);
+        }
+    }
+    // A refused record's successor is started from the manager's queue, once this start has
+    // given its place back.
+    if (outcome == StartOutcome::RefusedStartNext) {
+        scheduleStartOfNextDownload();
+    }
+    if (!active) {
         return;
     }
+    if (const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter()) {
+        presenter->updateMetadataItemForPath(record->path(), qn::Value(true),
+                                             QNiCloudFileChangeDownloadingStarted, true);
+    }
+    l4Logger().debug("Start downloading file at path {}.", record->path());
+    startNextFileDownloadIfPossible();
+}
+
+QNiCloudDownloadsManager::StartOutcome QNiCloudDownloadsManager::startFileDownload(
+    const FileDownloadPointer& record) {
     const auto url = qn::URL::fileURLWithPath(record->path());
     const auto presenter = QNiCloudDocumentsPresenter::defaultPresenter();
     const auto state = itemStateForPath(presenter.get(), url.path());
     auto& logger = l4Logger();
+    const auto refuse = [&](std::optional<qn::Error> error) {
+        didFinishFileDownload(record, error);
+        return StartOutcome::RefusedStartNext;
+    };
     if (state && state->isDownloaded) {
         logger.warn("Skipping download of file {}, because it is already downloaded.", url);
-        didFinishFileDownload(record, std::nullopt);
-        scheduleStartOfNextDownload();
-        return;
+        return refuse(std::nullopt);
     }
     if (state && state->hasUnresolvedConflicts) {
         logger.warn("Skipping download of file {}, because it has conflicts.", url);
-        didFinishFileDownload(record, downloadError(QNiCloudErrorInputOutput,
-                                                    "Do not start download, because file has "
-                                                    "conflicts."));
-        scheduleStartOfNextDownload();
-        return;
+        return refuse(downloadError(QNiCloudErrorInputOutput,
+                                    "Do not start download, because file has conflicts."));
     }
     if (state && state->isUploaded) {
         if (_networkReachability->currentReachabilityStatus() == NotReachable) {
             logger.warn("Skipping download of file {}, because network is not reachable.", url);
-            didFinishFileDownload(record, downloadError(QNiCloudErrorNetworkUnreachable,
-                                                        "Network is not reachable."));
+            refuse(downloadError(QNiCloudErrorNetworkUnreachable, "Network is not reachable."));
             setPaused(true);
-            return;
+            return StartOutcome::RefusedStop;
         }
     } else {
         logger.warn("Skipping download of file {}, because upload is not finished. Metadata: {}.",
-                    url, state ? state->description : std::string("(null)"));
-        didFinishFileDownload(record, downloadError(QNiCloudErrorInputOutput,
-                                                    "Do not start download, because upload is "
-                                                    "not finished."));
-        scheduleStartOfNextDownload();
-        return;
+                    url, state ? describeItem(*presenter, *state->item) : std::string("(null)"));
+        return refuse(downloadError(QNiCloudErrorInputOutput,
+                                    "Do not start download, because upload is not finished."));
     }
     qn::Error error;
     if (!qn::FileManager::defaultManager()->startDownloadingUbiquitousItemAtURL(url, &error)) {
         logger.warn("Unable to start download of file {}. Error: {}.", url, error);
-        didFinishFileDownload(record, error);
-        scheduleStartOfNextDownload();
-        return;
+        return refuse(error);
     }
-    {
-        std::lock_guard lock(_itemsDownloadsLock);
-        addActiveLocked(record);
-    }
-    if (presenter != nullptr) {
-        presenter->updateMetadataItemForPath(record->path(), qn::Value(true),
-                                             QNiCloudFileChangeDownloadingStarted, true);
-    }
-    logger.debug("Start downloading file at path {}.", record->path());
-    startNextFileDownloadIfPossible();
+    return StartOutcome::Started;
 }
 
 void QNiCloudDownloadsManager::scheduleStartOfNextDownload() {
