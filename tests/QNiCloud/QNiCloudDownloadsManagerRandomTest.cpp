@@ -175,11 +175,11 @@ TEST_P(QNiCloudDownloadsManagerRandomTest, EveryRequestEndsOnceAndNothingIsLeft)
     EXPECT_EQ(state->offMainThread, 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, QNiCloudDownloadsManagerRandomTest,
-                         ::testing::ValuesIn(std::getenv("QN_RANDOM_DOWNLOADS_SEED") != nullptr
-                                                 ? std::vector{fromEnvironment(
-                                                       "QN_RANDOM_DOWNLOADS_SEED", 1)}
-                                                 : std::vector{1u, 2u}));
+INSTANTIATE_TEST_SUITE_P(
+    Seeds, QNiCloudDownloadsManagerRandomTest,
+    ::testing::ValuesIn(std::getenv("QN_RANDOM_DOWNLOADS_SEED") != nullptr
+                            ? std::vector{fromEnvironment("QN_RANDOM_DOWNLOADS_SEED", 1)}
+                            : std::vector{1u, 2u}));
 
 }  // namespace
 }  // namespace qn::test
