@@ -1,0 +1,1027 @@
+#include "qn/DirectoryStore.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <filesystem>
+#include <random>
+#include <vector>
+
+#include "../FileSystemCalls.h"
+#include "StoreIndex.h"
+#include "StoreRecord.h"
+#include "qn/FileAttributes.h"
+
+namespace qn {
+namespace {
+
+constexpr const char* kMarkerName = "qnicloud-store";
+constexpr const char* kMarkerHeading = "qnicloud directory store 1\n";
+constexpr std::size_t kCopyChunk = 8 << 20;  // bytes between two progress reports
+
+using drive::StoreRecord;
+
+Error storeError(DriveStoreError code, std::string description, std::string_view path,
+                 int errnoValue = 0) {
+    Dictionary userInfo{{NSLocalizedDescriptionKey, std::move(description)}};
+    if (!path.empty()) {
+        userInfo.set(NSFilePathErrorKey, std::string(path));
+    }
+    if (errnoValue != 0) {
+        userInfo.set(NSUnderlyingErrorKey, Error(NSPOSIXErrorDomain, errnoValue, {}));
+    }
+    return Error(QNDriveStoreErrorDomain, code, std::move(userInfo));
+}
+
+// An account's folder name: bytes other than letters, digits and "._@+-" as %XX, and a name
+// made only of dots written out, so that any account name is one safe folder name.
+std::string folderName(std::string_view account) {
+    std::string name;
+    const bool dots = account.find_first_not_of('.') == std::string_view::npos;
+    for (const char c : account) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (std::isalnum(byte) != 0 ||
+            (!dots && (c == '.' || c == '_' || c == '@' || c == '+' || c == '-'))) {
+            name += c;
+        } else {
+            name += fmt::format("%{:02X}", byte);
+        }
+    }
+    return name;
+}
+
+std::string randomName() {
+    static thread_local std::mt19937_64 random{std::random_device{}()};
+    return fmt::format("{:016x}", random());
+}
+
+int openFile(const std::string& path, int flags, mode_t mode = 0666) {
+    int fd;
+    do {
+        fd = ::open(path.c_str(), flags | O_CLOEXEC, mode);
+    } while (fd < 0 && errno == EINTR);
+    return fd;
+}
+
+// Reads a whole small file; nullopt with errno set when it cannot be read.
+std::optional<std::string> readSmallFile(const std::string& path) {
+    const int fd = openFile(path, O_RDONLY);
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    std::string contents;
+    char buffer[4096];
+    for (;;) {
+        const ssize_t got = ::read(fd, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got <= 0) {
+            const int saved = errno;
+            ::close(fd);
+            errno = saved;
+            return got == 0 ? std::optional(contents) : std::nullopt;
+        }
+        contents.append(buffer, static_cast<std::size_t>(got));
+    }
+}
+
+// Copies `from` (from its offset) to `to` in chunks, telling `progress` after each; the last
+// report, with done == total, comes after the last byte. 0, ECANCELED when `progress` stopped
+// it, or the errno of the call that failed.
+int copyWithProgress(int from, int to, std::uint64_t total, const DriveStore::Progress& progress) {
+    std::uint64_t done = 0;
+    bool plain = false;  // copy_file_range refused these files: read and write instead
+    std::vector<char> buffer;
+    for (;;) {
+        ssize_t copied = -1;
+        if (!plain) {
+            copied = ::copy_file_range(from, nullptr, to, nullptr, kCopyChunk, 0);
+            if (copied < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS ||
+                               errno == EOPNOTSUPP || errno == EBADF)) {
+                plain = true;
+                buffer.resize(1 << 20);
+            }
+        }
+        if (plain) {
+            copied = ::read(from, buffer.data(), buffer.size());
+            if (copied > 0 &&
+                writeAll(to, {buffer.data(), static_cast<std::size_t>(copied)}) != 0) {
+                return errno != 0 ? errno : EIO;
+            }
+        }
+        if (copied < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            return errno;
+        }
+        done += static_cast<std::uint64_t>(copied);
+        if (copied == 0) {
+            return progress && !progress(done, std::max(done, total)) ? ECANCELED : 0;
+        }
+        if (progress && done < total && !progress(done, total)) {
+            return ECANCELED;
+        }
+    }
+}
+
+bool fail(Error* error, Error made) {
+    setError(error, std::move(made));
+    return false;
+}
+
+const char* kindName(bool isDirectory) {
+    return isDirectory ? "folder" : "file";
+}
+
+}  // namespace
+
+struct DirectoryStore::Account {
+    std::string name;
+    std::string directory;
+    std::mutex writeMutex;  // writers of this process take turns; before the lock file
+    int lockFd = -1;        // flock'ed by writers of every process
+    std::mutex mutex;       // guards everything below; after the lock file
+    int logFd = -1;
+    drive::StoreIndex index;
+    std::string partial;  // bytes after the last complete line read
+
+    ~Account() {
+        for (const int fd : {lockFd, logFd}) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    }
+    std::string blobPath(std::string_view blob) const {
+        return directory + "/blobs/" + std::string(blob);
+    }
+};
+
+// One change of an account: holds the account's write mutex, its lock file and its state mutex,
+// with the state read up to the log's end (a torn last line cut off). Contents files that no
+// longer belong to anything are deleted once it is let go.
+class DirectoryStore::Writer {
+public:
+    Writer(DirectoryStore& store, Account& account)
+        : store_(store), account_(account), writing_(account.writeMutex) {
+        while (::flock(account.lockFd, LOCK_EX) != 0) {
+            if (errno != EINTR) {
+                error_ = store.failure(errno, "lock the account", account.directory);
+                return;
+            }
+        }
+        locked_ = true;
+        state_ = std::unique_lock(account.mutex);
+        Error error;
+        if (!store.catchUpLocked(account, &error)) {
+            error_ = std::move(error);
+            return;
+        }
+        if (!account.partial.empty()) {
+            // A writer died in the middle of its line: that change never happened.
+            if (::ftruncate(account.logFd, static_cast<off_t>(account.index.endOffset())) != 0) {
+                error_ = store.failure(errno, "repair the log of", account.directory);
+                return;
+            }
+            account.partial.clear();
+        }
+        ready_ = true;
+    }
+    ~Writer() {
+        if (state_.owns_lock()) {
+            state_.unlock();
+        }
+        if (locked_) {
+            ::flock(account_.lockFd, LOCK_UN);
+        }
+        for (const auto& blob : freed_) {
+            ::unlink(account_.blobPath(blob).c_str());
+        }
+    }
+
+    /// False, with the error, when the state could not be brought up to date.
+    bool ready(Error* error) const {
+        if (!ready_) {
+            setError(error, error_);
+        }
+        return ready_;
+    }
+    drive::StoreIndex& index() { return account_.index; }
+    std::uint64_t nextSeq() const { return account_.index.lastSeq() + 1; }
+
+    /// Appends `record` and applies it.
+    bool commit(StoreRecord record, Error* error) {
+        const std::string line = record.encode();
+        if (writeAll(account_.logFd, line) != 0) {
+            const int saved = errno;
+            // Nothing half-written may stay behind a line that a reader could take as whole.
+            [[maybe_unused]] const int ignored =
+                ::ftruncate(account_.logFd, static_cast<off_t>(account_.index.endOffset()));
+            return fail(error, store_.failure(saved, "record a change in", record.path));
+        }
+        if (store_.options_.synchronous) {
+            ::fdatasync(account_.logFd);
+        }
+        if (!account_.index.apply(record, account_.index.endOffset() + line.size(), &freed_)) {
+            return fail(error, storeError(DriveStoreErrorCorrupt,
+                                          "The store's log could not take a change it accepted.",
+                                          record.path));
+        }
+        return true;
+    }
+
+private:
+    DirectoryStore& store_;
+    Account& account_;
+    std::lock_guard<std::mutex> writing_;
+    std::unique_lock<std::mutex> state_;
+    bool locked_ = false;
+    bool ready_ = false;
+    Error error_;
+    std::vector<std::string> freed_;
+};
+
+bool DirectoryStore::create(const std::string& root, Error* error) {
+    std::error_code ignored;
+    std::filesystem::create_directories(root + "/accounts", ignored);
+    const std::string marker = root + "/" + kMarkerName;
+    if (const auto existing = readSmallFile(marker)) {
+        if (existing->starts_with(kMarkerHeading)) {
+            return true;
+        }
+        return fail(
+            error,
+            storeError(DriveStoreErrorCorrupt,
+                       fmt::format("\"{}\" holds something other than a store.", root), root));
+    }
+    const std::string temporary = marker + "." + randomName();
+    const int fd = openFile(temporary, O_WRONLY | O_CREAT | O_EXCL);
+    if (fd < 0) {
+        return fail(error, storeError(DriveStoreErrorIO,
+                                      fmt::format("The store \"{}\" could not be made.", root),
+                                      root, errno));
+    }
+    const int written = writeAll(fd, std::string(kMarkerHeading) + randomName() + "\n");
+    ::close(fd);
+    // link() refuses to replace a marker another process made meanwhile; its store wins.
+    const int linked = written == 0 && ::link(temporary.c_str(), marker.c_str()) != 0 ? errno : 0;
+    ::unlink(temporary.c_str());
+    if (written != 0 || (linked != 0 && linked != EEXIST)) {
+        return fail(error, storeError(DriveStoreErrorIO,
+                                      fmt::format("The store \"{}\" could not be made.", root),
+                                      root, written != 0 ? written : linked));
+    }
+    return true;
+}
+
+std::shared_ptr<DirectoryStore> DirectoryStore::open(std::string root, Options options) {
+    return std::make_shared<DirectoryStore>(Private(), std::move(root), options);
+}
+
+DirectoryStore::DirectoryStore(Private, std::string root, Options options)
+    : root_(std::move(root)), options_(options) {}
+
+DirectoryStore::~DirectoryStore() = default;
+
+bool DirectoryStore::isReachable() {
+    const auto marker = readSmallFile(root_ + "/" + kMarkerName);
+    return marker && marker->starts_with(kMarkerHeading);
+}
+
+Error DirectoryStore::failure(int errnoValue, std::string_view what, std::string_view path) {
+    if (!isReachable()) {
+        return storeError(DriveStoreErrorUnreachable,
+                          fmt::format("The store \"{}\" cannot be reached.", root_), path,
+                          errnoValue);
+    }
+    return storeError(
+        DriveStoreErrorIO,
+        fmt::format("Could not {} \"{}\": {}.", what, path, std::strerror(errnoValue)), path,
+        errnoValue);
+}
+
+std::optional<std::vector<std::string>> DirectoryStore::accounts(Error* error) {
+    DIR* directory = ::opendir((root_ + "/accounts").c_str());
+    if (directory == nullptr || !isReachable()) {
+        if (directory != nullptr) {
+            ::closedir(directory);
+        }
+        setError(error, failure(errno != 0 ? errno : ENOENT, "list the accounts of", root_));
+        return std::nullopt;
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = ::readdir(directory)) {
+        const std::string_view name = entry->d_name;
+        if (name.starts_with(".")) {
+            continue;  // "." and "..", and accounts being made
+        }
+        if (auto plain = drive::percentUnescaped(name)) {
+            names.push_back(std::move(*plain));
+        }
+    }
+    ::closedir(directory);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+bool DirectoryStore::addAccount(std::string_view account, Error* error) {
+    if (account.empty()) {
+        return fail(error, storeError(DriveStoreErrorInvalidName, "An account needs a name.", ""));
+    }
+    if (!isReachable()) {
+        return fail(error, failure(ENOENT, "add an account to", root_));
+    }
+    const std::string directory = root_ + "/accounts/" + folderName(account);
+    struct stat status {};
+    if (::stat(directory.c_str(), &status) == 0) {
+        return true;
+    }
+    // Made aside and renamed into place, so that no half-made account is ever seen.
+    const std::string making = root_ + "/accounts/." + randomName();
+    int result = 0;
+    for (const std::string& folder : {making, making + "/blobs", making + "/tmp"}) {
+        if (result == 0 && ::mkdir(folder.c_str(), 0777) != 0) {
+            result = errno;
+        }
+    }
+    for (const char* file : {"/log", "/lock"}) {
+        if (result == 0) {
+            const int fd = openFile(making + file, O_WRONLY | O_CREAT | O_EXCL);
+            result = fd < 0 ? errno : 0;
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    }
+    if (result == 0 && ::rename(making.c_str(), directory.c_str()) != 0) {
+        result = errno == EEXIST || errno == ENOTEMPTY ? 0 : errno;  // made by someone else
+    }
+    std::error_code ignored;
+    std::filesystem::remove_all(making, ignored);
+    if (result != 0) {
+        return fail(error, failure(result, "add the account", account));
+    }
+    return true;
+}
+
+std::shared_ptr<DirectoryStore::Account> DirectoryStore::account(std::string_view name,
+                                                                 Error* error) {
+    std::lock_guard lock(accountsMutex_);
+    if (const auto found = accounts_.find(std::string(name)); found != accounts_.end()) {
+        if (isReachable()) {
+            return found->second;
+        }
+        setError(error, failure(ENOENT, "reach", root_));
+        return nullptr;
+    }
+    if (!isReachable()) {
+        setError(error, failure(ENOENT, "reach", root_));
+        return nullptr;
+    }
+    auto made = std::make_shared<Account>();
+    made->name = std::string(name);
+    made->directory = root_ + "/accounts/" + folderName(name);
+    made->lockFd = openFile(made->directory + "/lock", O_RDWR);
+    made->logFd = openFile(made->directory + "/log", O_RDWR | O_APPEND);
+    if (made->lockFd < 0 || made->logFd < 0) {
+        setError(error,
+                 errno == ENOENT
+                     ? storeError(DriveStoreErrorNotFound,
+                                  fmt::format("The store holds no account \"{}\".", name), "")
+                     : failure(errno, "open the account", name));
+        return nullptr;
+    }
+    accounts_.emplace(made->name, made);
+    return made;
+}
+
+bool DirectoryStore::catchUpLocked(Account& account, Error* error) {
+    char buffer[1 << 16];
+    for (;;) {
+        // Complete lines first, also those a failed call left: a damaged line keeps failing
+        // every call rather than being taken for a torn one.
+        std::size_t start = 0;
+        for (std::size_t end; (end = account.partial.find('\n', start)) != std::string::npos;
+             start = end + 1) {
+            const std::string_view line(account.partial.data() + start, end - start);
+            const auto record = StoreRecord::decode(line);
+            const std::uint64_t lineEnd = account.index.endOffset() + line.size() + 1;
+            if (!record || !account.index.apply(*record, lineEnd, nullptr)) {
+                account.partial.erase(0, start);
+                return fail(error,
+                            storeError(DriveStoreErrorCorrupt,
+                                       fmt::format("The log of account \"{}\" is damaged at byte "
+                                                   "{}; nothing was changed.",
+                                                   account.name, account.index.endOffset()),
+                                       account.directory + "/log"));
+            }
+        }
+        account.partial.erase(0, start);
+        const auto offset = static_cast<off_t>(account.index.endOffset() + account.partial.size());
+        const ssize_t got = ::pread(account.logFd, buffer, sizeof buffer, offset);
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            return fail(error, failure(errno, "read the log of", account.directory));
+        }
+        if (got == 0) {
+            return true;
+        }
+        account.partial.append(buffer, static_cast<std::size_t>(got));
+    }
+}
+
+std::optional<DriveStore::Changes> DirectoryStore::changesSince(std::string_view name,
+                                                                std::string_view token,
+                                                                Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    std::lock_guard lock(account->mutex);
+    if (!catchUpLocked(*account, error)) {
+        return std::nullopt;
+    }
+    const auto& index = account->index;
+    Changes changes;
+    changes.token = std::to_string(index.endOffset());
+    std::optional<std::vector<std::string>> paths;
+    if (!token.empty()) {
+        std::uint64_t offset = 0;
+        const auto [end, failed] =
+            std::from_chars(token.data(), token.data() + token.size(), offset);
+        if (failed == std::errc() && end == token.data() + token.size()) {
+            paths = index.pathsChangedAfter(offset);
+        }
+    }
+    if (!paths) {
+        changes.reset = true;
+        for (const auto& [path, entry] : index.entries()) {
+            changes.items.push_back(index.item(path, entry));
+        }
+        return changes;
+    }
+    for (const auto& path : *paths) {
+        if (const auto* entry = index.find(path)) {
+            changes.items.push_back(index.item(path, *entry));
+        } else {
+            changes.removedPaths.push_back(path);
+        }
+    }
+    return changes;
+}
+
+std::optional<DriveStore::Item> DirectoryStore::itemAtPath(std::string_view name,
+                                                           std::string_view path, Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    std::lock_guard lock(account->mutex);
+    if (!catchUpLocked(*account, error)) {
+        return std::nullopt;
+    }
+    if (const auto* entry = account->index.find(path)) {
+        return account->index.item(std::string(path), *entry);
+    }
+    setError(error, storeError(DriveStoreErrorNotFound,
+                               fmt::format("There is no item \"{}\" in the store.", path), path));
+    return std::nullopt;
+}
+
+std::optional<std::string> DirectoryStore::read(std::string_view name, std::string_view path,
+                                                std::string_view revision, std::uint64_t offset,
+                                                std::size_t length, Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    std::string blob;
+    {
+        std::lock_guard lock(account->mutex);
+        if (!catchUpLocked(*account, error)) {
+            return std::nullopt;
+        }
+        const auto* entry = account->index.find(path);
+        if (entry == nullptr || entry->isDirectory || entry->revision != revision) {
+            setError(error, storeError(DriveStoreErrorNotFound,
+                                       fmt::format("The store holds no revision {} of \"{}\".",
+                                                   revision, path),
+                                       path));
+            return std::nullopt;
+        }
+        blob = entry->blob;
+    }
+    const int fd = openFile(account->blobPath(blob), O_RDONLY);
+    if (fd < 0) {
+        // Replaced since it was looked up.
+        setError(error, errno == ENOENT
+                            ? storeError(DriveStoreErrorNotFound,
+                                         fmt::format("The store holds no revision {} of \"{}\".",
+                                                     revision, path),
+                                         path)
+                            : failure(errno, "read", path));
+        return std::nullopt;
+    }
+    std::string bytes(length, '\0');
+    std::size_t filled = 0;
+    while (filled < length) {
+        const ssize_t got = ::pread(fd, bytes.data() + filled, length - filled,
+                                    static_cast<off_t>(offset + filled));
+        if (got < 0 && errno == EINTR) {
+            continue;
+        }
+        if (got < 0) {
+            const int saved = errno;
+            ::close(fd);
+            setError(error, failure(saved, "read", path));
+            return std::nullopt;
+        }
+        if (got == 0) {
+            break;
+        }
+        filled += static_cast<std::size_t>(got);
+    }
+    ::close(fd);
+    bytes.resize(filled);
+    return bytes;
+}
+
+bool DirectoryStore::copyBlob(Account& account, const std::string& blob, std::string_view path,
+                              int fd, const Progress& progress, Error* error) {
+    const int from = openFile(account.blobPath(blob), O_RDONLY);
+    if (from < 0) {
+        return fail(
+            error,
+            errno == ENOENT
+                ? storeError(DriveStoreErrorNotFound,
+                             fmt::format("\"{}\" was replaced while it was read.", path), path)
+                : failure(errno, "read", path));
+    }
+    struct stat status {};
+    ::fstat(from, &status);
+    const int result =
+        copyWithProgress(from, fd, static_cast<std::uint64_t>(status.st_size), progress);
+    ::close(from);
+    if (result == ECANCELED) {
+        return fail(error,
+                    storeError(DriveStoreErrorCancelled,
+                               fmt::format("The download of \"{}\" was stopped.", path), path));
+    }
+    if (result != 0) {
+        return fail(error, storeError(DriveStoreErrorIO,
+                                      fmt::format("Could not download \"{}\": {}.", path,
+                                                  std::strerror(result)),
+                                      path, result));
+    }
+    return true;
+}
+
+bool DirectoryStore::download(std::string_view name, std::string_view path,
+                              std::string_view revision, int fd, const Progress& progress,
+                              Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return false;
+    }
+    std::string blob;
+    {
+        std::lock_guard lock(account->mutex);
+        if (!catchUpLocked(*account, error)) {
+            return false;
+        }
+        const auto* entry = account->index.find(path);
+        if (entry == nullptr || entry->isDirectory || entry->revision != revision) {
+            return fail(error, storeError(DriveStoreErrorNotFound,
+                                          fmt::format("The store holds no revision {} of \"{}\".",
+                                                      revision, path),
+                                          path));
+        }
+        blob = entry->blob;
+    }
+    return copyBlob(*account, blob, path, fd, progress, error);
+}
+
+std::optional<std::pair<std::string, std::uint64_t>> DirectoryStore::stage(Account& account, int fd,
+                                                                           std::string_view path,
+                                                                           const Progress& progress,
+                                                                           Error* error) {
+    struct stat source {};
+    if (::fstat(fd, &source) != 0) {
+        setError(error, storeError(DriveStoreErrorIO,
+                                   fmt::format("Could not read what to upload to \"{}\".", path),
+                                   path, errno));
+        return std::nullopt;
+    }
+    const off_t start = ::lseek(fd, 0, SEEK_CUR);
+    const std::uint64_t total = start >= 0 && source.st_size > start
+                                    ? static_cast<std::uint64_t>(source.st_size - start)
+                                    : 0;
+    const std::string temporary = account.directory + "/tmp/" + randomName();
+    const int to = openFile(temporary, O_WRONLY | O_CREAT | O_EXCL, 0444);
+    if (to < 0) {
+        setError(error, failure(errno, "upload", path));
+        return std::nullopt;
+    }
+    int result = copyWithProgress(fd, to, total, progress);
+    if (result == 0 && options_.synchronous && ::fdatasync(to) != 0) {
+        result = errno;
+    }
+    struct stat staged {};
+    ::fstat(to, &staged);
+    ::close(to);
+    if (result != 0) {
+        ::unlink(temporary.c_str());
+        setError(error,
+                 result == ECANCELED
+                     ? storeError(DriveStoreErrorCancelled,
+                                  fmt::format("The upload of \"{}\" was stopped.", path), path)
+                     : failure(result, "upload", path));
+        return std::nullopt;
+    }
+    return std::pair(temporary, static_cast<std::uint64_t>(staged.st_size));
+}
+
+namespace {
+
+// Whether `entry` (null: no item) meets `condition`; otherwise the error that says why.
+std::optional<Error> unmet(const drive::StoreIndex::Entry* entry,
+                           const DriveStore::Condition& condition, std::string_view path) {
+    using Kind = DriveStore::Condition::Kind;
+    const std::string current = entry != nullptr ? entry->revision : std::string();
+    const bool met = condition.kind == Kind::Any ||
+                     (condition.kind == Kind::Absent && entry == nullptr) ||
+                     (condition.kind == Kind::AtRevision && entry != nullptr &&
+                      entry->revision == condition.revision);
+    if (met) {
+        return std::nullopt;
+    }
+    auto error = storeError(
+        DriveStoreErrorRevisionMismatch,
+        entry == nullptr ? fmt::format("\"{}\" was removed from the store meanwhile.", path)
+                         : fmt::format("\"{}\" was changed in the store meanwhile (revision {}).",
+                                       path, current),
+        path);
+    Dictionary userInfo = error.userInfo();
+    userInfo.set(DriveStoreCurrentRevisionKey, current);
+    return Error(error.domain(), error.code(), std::move(userInfo));
+}
+
+Error notAFolder(std::string_view path, std::string_view what) {
+    return storeError(DriveStoreErrorNotAFolder, fmt::format("\"{}\": {}.", path, what), path);
+}
+
+}  // namespace
+
+std::optional<DriveStore::Item> DirectoryStore::upload(std::string_view name, std::string_view path,
+                                                       int fd, const Condition& condition,
+                                                       Date modificationDate,
+                                                       std::string_view device,
+                                                       const Progress& progress, Error* error) {
+    if (auto invalid = validatePath(path)) {
+        setError(error, std::move(*invalid));
+        return std::nullopt;
+    }
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    const auto staged = stage(*account, fd, path, progress, error);
+    if (!staged) {
+        return std::nullopt;
+    }
+    const auto discard = [&](Error made) {
+        ::unlink(staged->first.c_str());
+        setError(error, std::move(made));
+        return std::nullopt;
+    };
+    Writer writer(*this, *account);
+    Error failed;
+    if (!writer.ready(&failed)) {
+        return discard(failed);
+    }
+    const auto* entry = writer.index().find(path);
+    if (auto problem = unmet(entry, condition, path)) {
+        return discard(*problem);
+    }
+    if (entry != nullptr && entry->isDirectory) {
+        return discard(notAFolder(path, "a folder is in the way of the file"));
+    }
+    if (entry == nullptr && !writer.index().parentIsFolder(path)) {
+        return discard(notAFolder(path, "its parent is not a folder in the store"));
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::Item;
+    record.path = std::string(path);
+    record.size = staged->second;
+    record.revision = std::to_string(record.seq);
+    record.blob = record.revision;
+    record.date = modificationDate;
+    record.device = std::string(device);
+    if (::rename(staged->first.c_str(), account->blobPath(record.blob).c_str()) != 0) {
+        return discard(failure(errno, "upload", path));
+    }
+    if (!writer.commit(record, error)) {
+        ::unlink(account->blobPath(record.blob).c_str());
+        return std::nullopt;
+    }
+    return writer.index().item(record.path, *writer.index().find(path));
+}
+
+std::optional<DriveStore::Item> DirectoryStore::makeDirectory(
+    std::string_view name, std::string_view path, const Condition& condition, Date modificationDate,
+    std::string_view device, Error* error) {
+    if (auto invalid = validatePath(path)) {
+        setError(error, std::move(*invalid));
+        return std::nullopt;
+    }
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    Writer writer(*this, *account);
+    if (!writer.ready(error)) {
+        return std::nullopt;
+    }
+    const auto* entry = writer.index().find(path);
+    if (entry != nullptr && !entry->isDirectory) {
+        setError(error, notAFolder(path, "a file is in the way of the folder"));
+        return std::nullopt;
+    }
+    if (entry != nullptr && condition.kind != Condition::Kind::AtRevision) {
+        return writer.index().item(std::string(path), *entry);  // made twice: no conflict
+    }
+    if (auto problem = unmet(entry, condition, path)) {
+        setError(error, std::move(*problem));
+        return std::nullopt;
+    }
+    if (entry == nullptr && !writer.index().parentIsFolder(path)) {
+        setError(error, notAFolder(path, "its parent is not a folder in the store"));
+        return std::nullopt;
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::Item;
+    record.path = std::string(path);
+    record.flag = true;
+    record.revision = std::to_string(record.seq);
+    record.date = modificationDate;
+    record.device = std::string(device);
+    if (!writer.commit(record, error)) {
+        return std::nullopt;
+    }
+    return writer.index().item(record.path, *writer.index().find(path));
+}
+
+bool DirectoryStore::remove(std::string_view name, std::string_view path,
+                            const Condition& condition, Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return false;
+    }
+    Writer writer(*this, *account);
+    if (!writer.ready(error)) {
+        return false;
+    }
+    const auto* entry = writer.index().find(path);
+    if (entry == nullptr) {
+        return fail(error,
+                    storeError(DriveStoreErrorNotFound,
+                               fmt::format("There is no item \"{}\" in the store.", path), path));
+    }
+    if (auto problem = unmet(entry, condition, path)) {
+        return fail(error, std::move(*problem));
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::Remove;
+    record.path = std::string(path);
+    return writer.commit(record, error);
+}
+
+std::optional<DriveStore::Item> DirectoryStore::move(std::string_view name, std::string_view from,
+                                                     std::string_view to,
+                                                     const Condition& condition, Error* error) {
+    if (auto invalid = validatePath(to)) {
+        setError(error, std::move(*invalid));
+        return std::nullopt;
+    }
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    Writer writer(*this, *account);
+    if (!writer.ready(error)) {
+        return std::nullopt;
+    }
+    const auto* entry = writer.index().find(from);
+    if (entry == nullptr) {
+        setError(error,
+                 storeError(DriveStoreErrorNotFound,
+                            fmt::format("There is no item \"{}\" in the store.", from), from));
+        return std::nullopt;
+    }
+    if (auto problem = unmet(entry, condition, from)) {
+        setError(error, std::move(*problem));
+        return std::nullopt;
+    }
+    if (const auto* there = writer.index().find(to)) {
+        setError(error, storeError(DriveStoreErrorExists,
+                                   fmt::format("A {} \"{}\" is already in the store.",
+                                               kindName(there->isDirectory), to),
+                                   to));
+        return std::nullopt;
+    }
+    if (to.starts_with(from) && to.size() > from.size() && to[from.size()] == '/') {
+        setError(error, storeError(DriveStoreErrorInvalidName,
+                                   fmt::format("\"{}\" cannot move into itself.", from), to));
+        return std::nullopt;
+    }
+    if (!writer.index().parentIsFolder(to)) {
+        setError(error, notAFolder(to, "its parent is not a folder in the store"));
+        return std::nullopt;
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::Move;
+    record.path = std::string(from);
+    record.target = std::string(to);
+    if (!writer.commit(record, error)) {
+        return std::nullopt;
+    }
+    return writer.index().item(record.target, *writer.index().find(to));
+}
+
+std::optional<DriveStore::Version> DirectoryStore::addConflictVersion(std::string_view name,
+                                                                      std::string_view path, int fd,
+                                                                      Date modificationDate,
+                                                                      std::string_view device,
+                                                                      Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    const auto staged = stage(*account, fd, path, nullptr, error);
+    if (!staged) {
+        return std::nullopt;
+    }
+    const auto discard = [&](Error made) {
+        ::unlink(staged->first.c_str());
+        setError(error, std::move(made));
+        return std::nullopt;
+    };
+    Writer writer(*this, *account);
+    Error failed;
+    if (!writer.ready(&failed)) {
+        return discard(failed);
+    }
+    const auto* entry = writer.index().find(path);
+    if (entry == nullptr || entry->isDirectory) {
+        return discard(storeError(DriveStoreErrorNotFound,
+                                  fmt::format("There is no file \"{}\" in the store.", path),
+                                  path));
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::Version;
+    record.path = std::string(path);
+    record.identifier = std::to_string(record.seq);
+    record.blob = record.identifier;
+    record.size = staged->second;
+    record.date = modificationDate;
+    record.device = std::string(device);
+    if (::rename(staged->first.c_str(), account->blobPath(record.blob).c_str()) != 0) {
+        return discard(failure(errno, "keep a version of", path));
+    }
+    if (!writer.commit(record, error)) {
+        ::unlink(account->blobPath(record.blob).c_str());
+        return std::nullopt;
+    }
+    return Version{record.identifier, record.size, record.date, record.device, false};
+}
+
+std::optional<std::vector<DriveStore::Version>> DirectoryStore::versions(std::string_view name,
+                                                                         std::string_view path,
+                                                                         Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return std::nullopt;
+    }
+    std::lock_guard lock(account->mutex);
+    if (!catchUpLocked(*account, error)) {
+        return std::nullopt;
+    }
+    const auto* entry = account->index.find(path);
+    if (entry == nullptr) {
+        setError(error,
+                 storeError(DriveStoreErrorNotFound,
+                            fmt::format("There is no item \"{}\" in the store.", path), path));
+        return std::nullopt;
+    }
+    std::vector<Version> found;
+    for (const auto& version : entry->versions) {
+        found.push_back(
+            {version.identifier, version.size, version.date, version.device, version.resolved});
+    }
+    return found;
+}
+
+bool DirectoryStore::downloadVersion(std::string_view name, std::string_view path,
+                                     std::string_view identifier, int fd, Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return false;
+    }
+    std::string blob;
+    {
+        std::lock_guard lock(account->mutex);
+        if (!catchUpLocked(*account, error)) {
+            return false;
+        }
+        if (const auto* entry = account->index.find(path)) {
+            for (const auto& version : entry->versions) {
+                if (version.identifier == identifier) {
+                    blob = version.blob;
+                }
+            }
+        }
+    }
+    if (blob.empty()) {
+        return fail(error,
+                    storeError(DriveStoreErrorNotFound,
+                               fmt::format("\"{}\" has no version {}.", path, identifier), path));
+    }
+    return copyBlob(*account, blob, path, fd, nullptr, error);
+}
+
+namespace {
+
+bool hasVersion(const drive::StoreIndex::Entry* entry, std::string_view identifier) {
+    return entry != nullptr &&
+           std::any_of(entry->versions.begin(), entry->versions.end(),
+                       [&](const auto& version) { return version.identifier == identifier; });
+}
+
+}  // namespace
+
+bool DirectoryStore::setVersionResolved(std::string_view name, std::string_view path,
+                                        std::string_view identifier, bool resolved, Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return false;
+    }
+    Writer writer(*this, *account);
+    if (!writer.ready(error)) {
+        return false;
+    }
+    if (!hasVersion(writer.index().find(path), identifier)) {
+        return fail(error,
+                    storeError(DriveStoreErrorNotFound,
+                               fmt::format("\"{}\" has no version {}.", path, identifier), path));
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::Resolve;
+    record.path = std::string(path);
+    record.identifier = std::string(identifier);
+    record.flag = resolved;
+    return writer.commit(record, error);
+}
+
+bool DirectoryStore::removeVersion(std::string_view name, std::string_view path,
+                                   std::string_view identifier, Error* error) {
+    const auto account = this->account(name, error);
+    if (account == nullptr) {
+        return false;
+    }
+    Writer writer(*this, *account);
+    if (!writer.ready(error)) {
+        return false;
+    }
+    if (!hasVersion(writer.index().find(path), identifier)) {
+        return fail(error,
+                    storeError(DriveStoreErrorNotFound,
+                               fmt::format("\"{}\" has no version {}.", path, identifier), path));
+    }
+    StoreRecord record;
+    record.seq = writer.nextSeq();
+    record.kind = StoreRecord::Kind::RemoveVersion;
+    record.path = std::string(path);
+    record.identifier = std::string(identifier);
+    return writer.commit(record, error);
+}
+
+}  // namespace qn
