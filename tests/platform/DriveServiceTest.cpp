@@ -1,0 +1,250 @@
+// Two devices of the embedded drive on one directory store, in one process: documents written on
+// one appear on the other as not downloaded, download on request with progress, and edits,
+// conflicts, resolutions, moves and removals travel both ways.
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <mutex>
+
+#include "qn/DirectoryStore.h"
+#include "qn/DriveService.h"
+#include "qn/FileAttributes.h"
+#include "qn/MetadataAttributes.h"
+#include "support/TemporaryDirectory.h"
+
+namespace qn::test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+
+constexpr const char* kAccount = "alice@example.com";
+constexpr const char* kContainer = "iCloud.com.example.Drive";
+
+// The latest report of every item a feed told of, and every percentage downloaded it heard.
+class Reports : public MetadataFeedObserver {
+public:
+    void feedDidGather(std::vector<std::shared_ptr<const MetadataItem>> items) override {
+        take(items);
+    }
+    void feedDidFinishGathering() override {}
+    void feedDidChange(std::vector<std::shared_ptr<const MetadataItem>> items,
+                       std::vector<std::string> removed) override {
+        take(items);
+        std::lock_guard lock(mutex_);
+        for (const auto& path : removed) {
+            latest_.erase(path);
+        }
+    }
+    std::shared_ptr<const MetadataItem> latest(const std::string& path) {
+        std::lock_guard lock(mutex_);
+        const auto found = latest_.find(path);
+        return found == latest_.end() ? nullptr : found->second;
+    }
+    bool flag(const std::string& path, const char* attribute) {
+        const auto item = latest(path);
+        const Value* value = item ? item->valueForAttribute(attribute) : nullptr;
+        return value != nullptr && value->boolValue().value_or(false);
+    }
+    std::vector<double> percentages(const std::string& path) {
+        std::lock_guard lock(mutex_);
+        return percentages_[path];
+    }
+
+private:
+    void take(const std::vector<std::shared_ptr<const MetadataItem>>& items) {
+        std::lock_guard lock(mutex_);
+        for (const auto& item : items) {
+            latest_[item->path()] = item;
+            if (const Value* percent =
+                    item->valueForAttribute(NSMetadataUbiquitousItemPercentDownloadedKey)) {
+                percentages_[item->path()].push_back(percent->doubleValue().value_or(-1));
+            }
+        }
+    }
+    std::mutex mutex_;
+    std::map<std::string, std::shared_ptr<const MetadataItem>> latest_;
+    std::map<std::string, std::vector<double>> percentages_;
+};
+
+struct Device {
+    std::shared_ptr<DriveService> drive;
+    std::shared_ptr<Reports> reports = std::make_shared<Reports>();
+    std::string documents;  // the container's Documents folder on this device
+
+    std::string path(std::string_view relative) const {
+        return documents + "/" + std::string(relative);
+    }
+    URL url(std::string_view relative) const { return URL::fileURLWithPath(path(relative)); }
+    bool downloaded(std::string_view relative) const {
+        const auto value =
+            drive->resourceValue(url(relative), NSURLUbiquitousItemIsDownloadedKey, nullptr);
+        return value && value->boolValue().value_or(false);
+    }
+    bool known(std::string_view relative) const {
+        return drive->resourceValue(url(relative), NSURLUbiquitousItemIsDownloadedKey, nullptr)
+            .has_value();
+    }
+};
+
+class DriveServiceTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ASSERT_TRUE(DirectoryStore::create(directory.path() + "/store", nullptr));
+        ASSERT_TRUE(
+            DirectoryStore::open(directory.path() + "/store")->addAccount(kAccount, nullptr));
+        a = open("A");
+        b = open("B");
+    }
+
+    Device open(const std::string& name) {
+        Device device;
+        Error error;
+        DriveService::Options options;
+        options.deviceDirectory = directory.path() + "/" + name;
+        options.store = DirectoryStore::open(directory.path() + "/store");
+        options.deviceName = name;
+        options.pollInterval = 20ms;
+        device.drive = DriveService::open(options, &error);
+        EXPECT_NE(device.drive, nullptr) << error.description();
+        EXPECT_TRUE(device.drive->signIn(kAccount, &error)) << error.description();
+        device.documents = device.drive->containerURL(kContainer)->path() + "/Documents";
+        fs::create_directories(device.documents);
+        device.drive->startMetadataFeed({NSMetadataQueryUbiquitousDocumentsScope}, device.reports);
+        return device;
+    }
+    // Both devices have done everything they know of, twice over, so that what one sent the
+    // other has heard.
+    void settle() {
+        for (int round = 0; round < 2; ++round) {
+            ASSERT_TRUE(a.drive->waitUntilIdle(10s));
+            ASSERT_TRUE(b.drive->waitUntilIdle(10s));
+        }
+    }
+    static void write(const std::string& path, std::string_view contents) {
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << contents;
+    }
+
+    TemporaryDirectory directory;
+    Device a;
+    Device b;
+};
+
+TEST_F(DriveServiceTest, ADocumentTravelsAndDownloadsOnRequestWithProgress) {
+    const std::string big(20 << 20, 'x');  // several progress reports
+    write(a.path("Notes.txt"), big);
+    settle();
+    EXPECT_TRUE(b.known("Notes.txt"));
+    EXPECT_FALSE(b.downloaded("Notes.txt"));
+    EXPECT_FALSE(fs::exists(b.path("Notes.txt"))) << "an item not downloaded has no local file";
+    EXPECT_FALSE(b.reports->flag(b.path("Notes.txt"), NSMetadataUbiquitousItemIsDownloadingKey));
+
+    Error error;
+    ASSERT_TRUE(b.drive->startDownloading(b.url("Notes.txt"), &error)) << error.description();
+    settle();
+    EXPECT_EQ(readFile(b.path("Notes.txt")), big);
+    EXPECT_TRUE(b.downloaded("Notes.txt"));
+    const auto percentages = b.reports->percentages(b.path("Notes.txt"));
+    ASSERT_GE(percentages.size(), 3u);
+    EXPECT_TRUE(std::is_sorted(percentages.begin(), percentages.end()));
+    EXPECT_EQ(percentages.back(), 100.0);
+    EXPECT_TRUE(std::any_of(percentages.begin(), percentages.end(),
+                            [](double p) { return p > 0 && p < 100; }));
+
+    // An edit travels back to the device that has the document.
+    write(b.path("Notes.txt"), "edited on B");
+    settle();
+    EXPECT_EQ(readFile(a.path("Notes.txt")), "edited on B");
+    EXPECT_FALSE(
+        a.reports->flag(a.path("Notes.txt"), NSMetadataUbiquitousItemHasUnresolvedConflictsKey));
+}
+
+TEST_F(DriveServiceTest, ConcurrentEditsEndAsAConflictVersionOnBothDevices) {
+    write(a.path("Plan.txt"), "base");
+    settle();
+    ASSERT_TRUE(b.drive->startDownloading(b.url("Plan.txt"), nullptr));
+    settle();
+    ASSERT_EQ(readFile(b.path("Plan.txt")), "base");
+
+    b.drive->setSyncPaused(true);
+    write(a.path("Plan.txt"), "from A");
+    ASSERT_TRUE(a.drive->waitUntilIdle(10s));
+    write(b.path("Plan.txt"), "from B");
+    b.drive->setSyncPaused(false);
+    settle();
+
+    // The store's item is A's; B's edit is kept beside it, and both devices see it.
+    EXPECT_EQ(readFile(a.path("Plan.txt")), "from A");
+    EXPECT_EQ(readFile(b.path("Plan.txt")), "from A");
+    for (Device* device : {&a, &b}) {
+        const auto versions = device->drive->otherVersionsOfItem(device->url("Plan.txt"));
+        ASSERT_EQ(versions.size(), 1u);
+        EXPECT_EQ(readFile(versions[0].url.path()), "from B");
+        EXPECT_EQ(versions[0].localizedNameOfSavingComputer, "B");
+        EXPECT_TRUE(versions[0].isConflict);
+        EXPECT_TRUE(device->reports->flag(device->path("Plan.txt"),
+                                          NSMetadataUbiquitousItemHasUnresolvedConflictsKey));
+    }
+
+    // Resolved on one device, resolved on the other.
+    const auto versions = a.drive->otherVersionsOfItem(a.url("Plan.txt"));
+    Error error;
+    ASSERT_TRUE(
+        a.drive->setVersionResolved(a.url("Plan.txt"), versions[0].identifier, true, &error))
+        << error.description();
+    settle();
+    EXPECT_FALSE(
+        b.reports->flag(b.path("Plan.txt"), NSMetadataUbiquitousItemHasUnresolvedConflictsKey));
+    EXPECT_TRUE(b.drive->otherVersionsOfItem(b.url("Plan.txt"))[0].isResolved);
+}
+
+TEST_F(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
+    fs::create_directories(a.path("Folder"));
+    write(a.path("Folder/x.txt"), "x");
+    write(a.path("keep.txt"), "keep");
+    settle();
+    ASSERT_TRUE(b.drive->startDownloading(b.url("Folder/x.txt"), nullptr));
+    settle();
+    ASSERT_EQ(readFile(b.path("Folder/x.txt")), "x");
+
+    fs::rename(a.path("Folder/x.txt"), a.path("Folder/y.txt"));
+    settle();
+    EXPECT_FALSE(fs::exists(b.path("Folder/x.txt")));
+    EXPECT_FALSE(b.known("Folder/x.txt"));
+    EXPECT_TRUE(b.known("Folder/y.txt"));
+    EXPECT_EQ(readFile(a.path("Folder/y.txt")), "x");
+
+    fs::remove(a.path("Folder/y.txt"));
+    settle();
+    EXPECT_FALSE(b.known("Folder/y.txt"));
+    EXPECT_TRUE(fs::is_directory(b.path("Folder")));
+
+    // Eviction frees the local copy, but never of a file with changes not uploaded.
+    Error error;
+    ASSERT_TRUE(a.drive->evict(a.url("keep.txt"), &error)) << error.description();
+    EXPECT_FALSE(fs::exists(a.path("keep.txt")));
+    EXPECT_FALSE(a.downloaded("keep.txt"));
+    ASSERT_TRUE(b.drive->startDownloading(b.url("keep.txt"), nullptr));
+    settle();
+    b.drive->setSyncPaused(true);
+    write(b.path("keep.txt"), "changed");
+    EXPECT_FALSE(b.drive->evict(b.url("keep.txt"), &error));
+    EXPECT_NE(error.description().find("not uploaded"), std::string::npos);
+    EXPECT_EQ(readFile(b.path("keep.txt")), "changed");
+    b.drive->setSyncPaused(false);
+}
+
+TEST_F(DriveServiceTest, ADeviceHasOneEngineAtATime) {
+    Error error;
+    DriveService::Options options;
+    options.deviceDirectory = directory.path() + "/A";
+    options.store = DirectoryStore::open(directory.path() + "/store");
+    EXPECT_EQ(DriveService::open(options, &error), nullptr);
+    EXPECT_NE(error.localizedDescription().find("in use by another engine"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace qn::test
