@@ -1,16 +1,20 @@
 // What every ubiquity service promises, checked against each backend: the service with no
-// account, and the simulated cloud signed out and signed in.
+// account, the simulated cloud and the embedded drive, each signed out and signed in.
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <memory>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "qn/DirectoryStore.h"
+#include "qn/DriveService.h"
 #include "qn/FileAttributes.h"
 #include "qn/MetadataAttributes.h"
 #include "qn/SimulatedCloud.h"
@@ -25,13 +29,34 @@ constexpr const char* kContainer = "iCloud.com.example.Contract";
 
 struct Backend {
     std::string name;
-    std::function<std::shared_ptr<qn::UbiquityService>()> make;
+    // A service whose containers live in `driveDirectory`; `scratch` is its to use.
+    std::function<std::shared_ptr<qn::UbiquityService>(const std::string& driveDirectory,
+                                                       const std::string& scratch)>
+        make;
     bool signedIn = false;
 };
 
 // Names the backend in test listings, which would otherwise show its bytes.
 std::ostream& operator<<(std::ostream& stream, const Backend& backend) {
     return stream << backend.name;
+}
+
+// A drive device on a directory store of its own, signed in to "someone" or not.
+std::shared_ptr<qn::UbiquityService> makeDrive(const std::string& driveDirectory,
+                                               const std::string& scratch, bool signedIn) {
+    qn::DirectoryStore::create(scratch + "/store", nullptr);
+    auto store = qn::DirectoryStore::open(scratch + "/store");
+    store->addAccount("someone", nullptr);
+    qn::DriveService::Options options;
+    options.deviceDirectory = scratch + "/device";
+    options.driveDirectory = driveDirectory;
+    options.store = store;
+    options.pollInterval = std::chrono::milliseconds(20);
+    auto drive = qn::DriveService::open(options, nullptr);
+    if (signedIn) {
+        drive->signIn("someone", nullptr);
+    }
+    return drive;
 }
 
 class CountingObserver : public qn::MetadataFeedObserver {
@@ -55,7 +80,8 @@ class UbiquityServiceContractTest : public ::testing::TestWithParam<Backend> {
 protected:
     UbiquityServiceContractTest() {
         qn::setUbiquityDriveDirectory(root.pathOf("Mobile Documents"));
-        qn::UbiquityService::setCurrent(GetParam().make());
+        qn::UbiquityService::setCurrent(
+            GetParam().make(root.pathOf("Mobile Documents"), root.pathOf("scratch")));
         service = qn::UbiquityService::current();
         missing = QNiCloudContainerURLFromIdentifier(kContainer)
                       .URLByAppendingPathComponent("Documents/missing.txt");
@@ -65,10 +91,14 @@ protected:
         qn::setUbiquityDriveDirectory("");
     }
 
-    // Lets a backend that delivers on request deliver what it queued.
+    // Lets a backend that delivers on request deliver what it queued, and one that works on
+    // its own finish what it knows of.
     void deliver() {
         if (auto cloud = std::dynamic_pointer_cast<qn::SimulatedCloud>(service)) {
             cloud->deliverQueryBatches();
+        }
+        if (auto drive = std::dynamic_pointer_cast<qn::DriveService>(service)) {
+            ASSERT_TRUE(drive->waitUntilIdle(std::chrono::seconds(10)));
         }
     }
 
@@ -124,13 +154,17 @@ TEST_P(UbiquityServiceContractTest, FeedsGatherThenFinishAndFallSilentWhenStoppe
 
     service->stopMetadataFeed(one);
     service->stopMetadataFeed(one);  // twice is harmless
+    const qn::URL added =
+        missing.URLByDeletingLastPathComponent().URLByAppendingPathComponent("new");
     if (auto cloud = std::dynamic_pointer_cast<qn::SimulatedCloud>(service)) {
-        cloud->setItem(missing.URLByDeletingLastPathComponent().URLByAppendingPathComponent("new"),
-                       {});
+        cloud->setItem(added, {});
+    } else if (GetParam().signedIn) {
+        std::filesystem::create_directories(added.URLByDeletingLastPathComponent().path());
+        std::ofstream(added.path()) << "new";
     }
     deliver();
     EXPECT_EQ(first->changed, 0);
-    EXPECT_EQ(second->changed, GetParam().signedIn ? 1 : 0);
+    EXPECT_EQ(second->changed > 0, GetParam().signedIn);
     EXPECT_EQ(first.use_count(), 1) << "a stopped feed's observer is released";
     service->stopMetadataFeed(two);
 }
@@ -140,13 +174,29 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         // Null must replace a service set before with the one with no account.
         Backend{"NoAccount",
-                [] {
+                [](const std::string&, const std::string&) {
                     qn::UbiquityService::setCurrent(qn::SimulatedCloud::create("someone"));
                     return nullptr;
                 },
                 false},
-        Backend{"SimulatedSignedOut", [] { return qn::SimulatedCloud::create(); }, false},
-        Backend{"SimulatedSignedIn", [] { return qn::SimulatedCloud::create("someone"); }, true}),
+        Backend{"SimulatedSignedOut",
+                [](const std::string&, const std::string&) { return qn::SimulatedCloud::create(); },
+                false},
+        Backend{"SimulatedSignedIn",
+                [](const std::string&, const std::string&) {
+                    return qn::SimulatedCloud::create("someone");
+                },
+                true},
+        Backend{"DriveSignedOut",
+                [](const std::string& drive, const std::string& scratch) {
+                    return makeDrive(drive, scratch, false);
+                },
+                false},
+        Backend{"DriveSignedIn",
+                [](const std::string& drive, const std::string& scratch) {
+                    return makeDrive(drive, scratch, true);
+                },
+                true}),
     [](const ::testing::TestParamInfo<Backend>& info) { return info.param.name; });
 
 }  // namespace

@@ -592,9 +592,7 @@ void DriveEngine::deliverFeeds() {
     for (auto& delivery : deliveries) {
         auto& observer = *delivery.feed->observer;
         if (delivery.gather) {
-            if (!delivery.items.empty()) {
-                observer.feedDidGather(std::move(delivery.items));
-            }
+            observer.feedDidGather(std::move(delivery.items));  // one batch, empty or not
             observer.feedDidFinishGathering();
         } else {
             observer.feedDidChange(std::move(delivery.items), std::move(delivery.removed));
