@@ -39,7 +39,8 @@ std::string fileNameOfAccount(std::string_view account) {
     std::string name;
     for (const char c : account) {
         const auto byte = static_cast<unsigned char>(c);
-        if (std::isalnum(byte) != 0 || c == '@' || c == '-' || c == '_' || c == '+') {
+        if (std::isalnum(byte) != 0 || c == '@' || c == '-' || c == '_' || c == '+' ||
+            (c == '.' && !name.empty())) {
             name += c;
         } else {
             name += fmt::format("%{:02X}", byte);
@@ -87,7 +88,8 @@ DriveEngine::~DriveEngine() {
     ::close(wakeFd_);
 }
 
-bool DriveEngine::start(Error* error) {
+bool DriveEngine::start(std::weak_ptr<Object> owner, Error* error) {
+    owner_ = std::move(owner);
     std::error_code ignored;
     fs::create_directories(driveDirectory_, ignored);
     fs::create_directories(stateDirectory_ + "/journals", ignored);
@@ -295,9 +297,9 @@ bool DriveEngine::startDownloading(const URL& url, Error* error) {
         return false;
     }
     // A folder asks for everything in it.
+    const std::string below = *path + "/";
     bool wanted = false;
-    for (auto it = found; it != views_.end() && (it == found || (it->first.starts_with(*path) &&
-                                                                 it->first[path->size()] == '/'));
+    for (auto it = found; it != views_.end() && (it == found || it->first.starts_with(below));
          ++it) {
         View& view = it->second;
         const bool current = view.current && view.current == view.entry.local;
@@ -307,7 +309,8 @@ bool DriveEngine::startDownloading(const URL& url, Error* error) {
         }
     }
     if (wanted && reachable_ == false) {
-        for (auto it = found; it != views_.end() && it->first.starts_with(*path); ++it) {
+        for (auto it = found; it != views_.end() && (it == found || it->first.starts_with(below));
+             ++it) {
             it->second.downloadRequested = false;
         }
         setError(error, serviceError(NSUbiquitousFileUbiquityServerNotAvailable, url,
@@ -680,15 +683,19 @@ void DriveEngine::pass() {
         std::lock_guard lock(mutex_);
         reachabilityChanged = reachable_.has_value() && *reachable_ != reachable;
         reachable_ = reachable;
-        busy_ = false;
     }
     if (reachabilityChanged) {
-        MainQueue::async([] {
-            NotificationCenter::defaultCenter().post(
-                QNUbiquityServiceReachabilityDidChangeNotification, UbiquityService::current());
+        MainQueue::async([owner = owner_] {
+            if (const auto sender = owner.lock()) {
+                NotificationCenter::defaultCenter().post(
+                    QNUbiquityServiceReachabilityDidChangeNotification, sender);
+            }
         });
     }
     if (!account_ || journal_ == nullptr || !reachable) {
+        // Nothing can be done without the store: not idle while signed in.
+        std::lock_guard lock(mutex_);
+        busy_ = account_.has_value();
         return;
     }
     try {
@@ -699,11 +706,13 @@ void DriveEngine::pass() {
         scanLocal(!scannedAll_);
         scannedAll_ = true;
         performDownloads();
+        std::lock_guard lock(mutex_);
+        busy_ = !retry_.empty() || pollFailed_ ||
+                std::any_of(views_.begin(), views_.end(),
+                            [](const auto& v) { return v.second.downloadRequested; });
     } catch (const std::exception& e) {
         // The journal could not record a change: stop syncing rather than go on blind.
         logger().error("The drive stopped syncing: {}", e.what());
-        std::lock_guard lock(mutex_);
-        busy_ = false;
     }
 }
 

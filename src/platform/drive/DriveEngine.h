@@ -40,8 +40,9 @@ public:
     DriveEngine(const DriveService::Options& options, std::string driveDirectory);
     ~DriveEngine();
 
-    /// Reads the device's account and opens its journal, then starts the thread.
-    bool start(Error* error);
+    /// Reads the device's account and opens its journal, then starts the thread. `owner` is the
+    /// sender of the notifications the engine posts.
+    bool start(std::weak_ptr<Object> owner, Error* error);
 
     bool signIn(std::string_view account, Error* error);
     void signOut();
@@ -134,12 +135,15 @@ private:
     const DriveService::Options& options_;
     const std::string driveDirectory_;
     const std::string stateDirectory_;
+    std::weak_ptr<Object> owner_;
 
     mutable std::mutex accountMutex_;
     std::optional<std::string> account_;  // guarded by both mutexes: either suffices to read
     std::unique_ptr<Journal> journal_;    // guarded by accountMutex_
     std::string token_;                   // the store's change token; accountMutex_
     bool scannedAll_ = false;             // accountMutex_
+    std::set<std::string> retry_;         // items whose sync failed, looked at again; accountMutex_
+    bool pollFailed_ = false;             // the last request for the store's changes failed
     DriveWatcher watcher_;                // engine thread, accountMutex_
 
     mutable std::mutex mutex_;

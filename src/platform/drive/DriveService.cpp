@@ -42,7 +42,7 @@ std::shared_ptr<DriveService> DriveService::open(Options options, Error* error) 
                                   options.deviceDirectory));
     }
     auto service = std::make_shared<DriveService>(Private(), std::move(options), lockFd);
-    if (!service->engine_->start(error)) {
+    if (!service->engine_->start(service, error)) {
         return nullptr;
     }
     return service;

@@ -154,10 +154,10 @@ void DriveEngine::applyRemoteChanges() {
     const auto changes = options_.store->changesSince(*account_, token_, &error);
     if (!changes) {
         logger().warn("The drive could not ask the store for changes: {}", error);
-        std::lock_guard lock(mutex_);
-        busy_ = true;
+        pollFailed_ = true;
         return;
     }
+    pollFailed_ = false;
     if (changes->reset) {
         std::vector<std::string> gone;
         {
@@ -317,6 +317,11 @@ void DriveEngine::scanLocal(bool everything) {
             }
         }
     }
+    // Items whose sync failed are looked at again with their folders.
+    for (const auto& path : std::exchange(retry_, {})) {
+        const std::size_t slash = path.rfind('/');
+        folders.insert(slash == std::string::npos ? std::string() : path.substr(0, slash));
+    }
     std::set<std::string> scanned;
     for (const auto& folder : folders) {
         scanFolder(folder, recursive, &appeared, &scanned);
@@ -470,7 +475,8 @@ void DriveEngine::uploadFolder(const std::string& path) {
     if (!item) {
         logger().warn("The drive could not make the folder \"{}\" in the store: {}", path, error);
         std::lock_guard lock(mutex_);
-        busy_ = true;
+        views_[path].current.reset();
+        retry_.insert(path);
         return;
     }
     {
@@ -557,8 +563,8 @@ void DriveEngine::upload(const std::string& path) {
             logger().warn("The drive could not upload \"{}\": {}", path, error);
         }
         std::lock_guard lock(mutex_);
-        views_[path].current.reset();  // looked at again by the next scan
-        busy_ = true;
+        views_[path].current.reset();  // seen as changed by the next scan
+        retry_.insert(path);
     }
     ::close(fd);
 }
@@ -575,12 +581,13 @@ void DriveEngine::keepAsConflict(const std::string& path, int fd, const LocalIde
             View& view = views_[path];
             view.entry.revision.clear();
             view.current.reset();
-            busy_ = true;
+            retry_.insert(path);
             return;
         }
         logger().warn("The drive could not keep the edit of \"{}\" as a version: {}", path, error);
         std::lock_guard lock(mutex_);
-        busy_ = true;
+        views_[path].current.reset();
+        retry_.insert(path);
         return;
     }
     logger().info(
@@ -689,8 +696,8 @@ void DriveEngine::removeRemotely(const std::string& path) {
     }
     logger().warn("The drive could not remove \"{}\" from the store: {}", path, error);
     std::lock_guard lock(mutex_);
-    views_[path].current = view.entry.local;  // tried again after the next scan
-    busy_ = true;
+    views_[path].current = view.entry.local;  // missed again by the next scan
+    retry_.insert(path);
 }
 
 // Downloads.
