@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "qn/DriveStore.h"
 
@@ -111,12 +112,22 @@ private:
     bool catchUpLocked(Account& account, Error* error);
     // The error for a failed call on the store: unreachable when the marker has gone.
     Error failure(int errnoValue, std::string_view what, std::string_view path);
-    // Copies `fd` from its offset to a new temporary file of the account, telling `progress`;
-    // returns the temporary file's path and the size copied.
-    std::optional<std::pair<std::string, std::uint64_t>> stage(Account& account, int fd,
-                                                               std::string_view path,
-                                                               const Progress& progress,
-                                                               Error* error);
+    // A temporary file holding an upload's contents, locked while its descriptor is open.
+    struct Staged {
+        std::string path;
+        std::uint64_t size = 0;
+        int fd = -1;
+        Staged(std::string p, std::uint64_t s, int f) : path(std::move(p)), size(s), fd(f) {}
+        Staged(Staged&& other) noexcept
+            : path(std::move(other.path)), size(other.size), fd(std::exchange(other.fd, -1)) {}
+        Staged& operator=(Staged&&) = delete;
+        ~Staged();
+    };
+    // Copies `fd` from its offset to a new temporary file of the account, telling `progress`.
+    std::optional<Staged> stage(Account& account, int fd, std::string_view path,
+                                const Progress& progress, Error* error);
+    // Removes the temporary files in `folder` whose uploaders died.
+    static void removeAbandonedUploads(const std::string& folder);
     bool copyBlob(Account& account, const std::string& blob, std::string_view path, int fd,
                   const Progress& progress, Error* error);
 

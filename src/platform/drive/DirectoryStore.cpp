@@ -294,6 +294,12 @@ DirectoryStore::DirectoryStore(Private, std::string root, Options options)
 
 DirectoryStore::~DirectoryStore() = default;
 
+DirectoryStore::Staged::~Staged() {
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
 bool DirectoryStore::isReachable() {
     const auto marker = readSmallFile(root_ + "/" + kMarkerName);
     return marker && marker->starts_with(kMarkerHeading);
@@ -402,8 +408,27 @@ std::shared_ptr<DirectoryStore::Account> DirectoryStore::account(std::string_vie
                      : failure(errno, "open the account", name));
         return nullptr;
     }
+    removeAbandonedUploads(made->directory + "/tmp");
     accounts_.emplace(made->name, made);
     return made;
+}
+
+void DirectoryStore::removeAbandonedUploads(const std::string& folder) {
+    DIR* directory = ::opendir(folder.c_str());
+    if (directory == nullptr) {
+        return;
+    }
+    while (const dirent* entry = ::readdir(directory)) {
+        const std::string path = folder + "/" + entry->d_name;
+        const int fd = entry->d_name[0] == '.' ? -1 : openFile(path, O_RDONLY);
+        if (fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            ::unlink(path.c_str());  // nobody holds it: its uploader is gone
+        }
+        if (fd >= 0) {
+            ::close(fd);
+        }
+    }
+    ::closedir(directory);
 }
 
 bool DirectoryStore::catchUpLocked(Account& account, Error* error) {
@@ -614,10 +639,10 @@ bool DirectoryStore::download(std::string_view name, std::string_view path,
     return copyBlob(*account, blob, path, fd, progress, error);
 }
 
-std::optional<std::pair<std::string, std::uint64_t>> DirectoryStore::stage(Account& account, int fd,
-                                                                           std::string_view path,
-                                                                           const Progress& progress,
-                                                                           Error* error) {
+std::optional<DirectoryStore::Staged> DirectoryStore::stage(Account& account, int fd,
+                                                            std::string_view path,
+                                                            const Progress& progress,
+                                                            Error* error) {
     struct stat source {};
     if (::fstat(fd, &source) != 0) {
         setError(error, storeError(DriveStoreErrorIO,
@@ -635,14 +660,17 @@ std::optional<std::pair<std::string, std::uint64_t>> DirectoryStore::stage(Accou
         setError(error, failure(errno, "upload", path));
         return std::nullopt;
     }
+    // Locked while it is worked on, so that a writer that finds it unlocked knows that its
+    // uploader died and may remove it.
+    ::flock(to, LOCK_EX);
     int result = copyWithProgress(fd, to, total, progress);
     if (result == 0 && options_.synchronous && ::fdatasync(to) != 0) {
         result = errno;
     }
     struct stat staged {};
     ::fstat(to, &staged);
-    ::close(to);
     if (result != 0) {
+        ::close(to);
         ::unlink(temporary.c_str());
         setError(error,
                  result == ECANCELED
@@ -651,7 +679,7 @@ std::optional<std::pair<std::string, std::uint64_t>> DirectoryStore::stage(Accou
                      : failure(result, "upload", path));
         return std::nullopt;
     }
-    return std::pair(temporary, static_cast<std::uint64_t>(staged.st_size));
+    return Staged{temporary, static_cast<std::uint64_t>(staged.st_size), to};
 }
 
 namespace {
@@ -703,7 +731,7 @@ std::optional<DriveStore::Item> DirectoryStore::upload(std::string_view name, st
         return std::nullopt;
     }
     const auto discard = [&](Error made) {
-        ::unlink(staged->first.c_str());
+        ::unlink(staged->path.c_str());
         setError(error, std::move(made));
         return std::nullopt;
     };
@@ -726,12 +754,12 @@ std::optional<DriveStore::Item> DirectoryStore::upload(std::string_view name, st
     record.seq = writer.nextSeq();
     record.kind = StoreRecord::Kind::Item;
     record.path = std::string(path);
-    record.size = staged->second;
+    record.size = staged->size;
     record.revision = std::to_string(record.seq);
     record.blob = record.revision;
     record.date = modificationDate;
     record.device = std::string(device);
-    if (::rename(staged->first.c_str(), account->blobPath(record.blob).c_str()) != 0) {
+    if (::rename(staged->path.c_str(), account->blobPath(record.blob).c_str()) != 0) {
         return discard(failure(errno, "upload", path));
     }
     if (!writer.commit(record, error)) {
@@ -879,7 +907,7 @@ std::optional<DriveStore::Version> DirectoryStore::addConflictVersion(std::strin
         return std::nullopt;
     }
     const auto discard = [&](Error made) {
-        ::unlink(staged->first.c_str());
+        ::unlink(staged->path.c_str());
         setError(error, std::move(made));
         return std::nullopt;
     };
@@ -900,10 +928,10 @@ std::optional<DriveStore::Version> DirectoryStore::addConflictVersion(std::strin
     record.path = std::string(path);
     record.identifier = std::to_string(record.seq);
     record.blob = record.identifier;
-    record.size = staged->second;
+    record.size = staged->size;
     record.date = modificationDate;
     record.device = std::string(device);
-    if (::rename(staged->first.c_str(), account->blobPath(record.blob).c_str()) != 0) {
+    if (::rename(staged->path.c_str(), account->blobPath(record.blob).c_str()) != 0) {
         return discard(failure(errno, "keep a version of", path));
     }
     if (!writer.commit(record, error)) {

@@ -141,6 +141,7 @@ void DriveEngine::recoverPendingWork() {
             std::lock_guard lock(mutex_);
             auto& view = views_[entry.path];
             view.entry = entry;
+            view.current = entry.local;
             view.downloadRequested = entry.pending == Pending::Download;
         }
         record(entry.path);
@@ -507,13 +508,19 @@ void DriveEngine::upload(const std::string& path) {
         View& known = views_[path];
         known.entry.path = path;
         known.current = identity;
+        if (!known.entry.revision.empty() && known.entry.local == identity) {
+            ::close(fd);
+            return;  // the store has these very contents already
+        }
         known.uploading = true;
         known.percentUploaded = 0;
         view = known;
     }
-    // Recorded first, so that a restart can tell whether the store took it.
-    if (!view.entry.revision.empty()) {
+    // Recorded first, also for an item new to the store, so that a restart can tell whether
+    // the store took it.
+    {
         JournalEntry pending = view.entry;
+        pending.isDirectory = false;
         pending.pending = Pending::Upload;
         pending.pendingRevision = view.entry.revision;
         journal_->put(pending);
