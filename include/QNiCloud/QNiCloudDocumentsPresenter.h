@@ -728,6 +728,10 @@ private:
     std::shared_ptr<QNiCloudMetadataQuery> cacheQuery();
     /// A new number for a comparison run, never 0.
     std::uint32_t nextComparisonRun();
+    // With `_cacheLock` held: whether `query`'s runs may use the hints, taking them over (empty
+    // and not vouched for) when `query` is the current cache query and another query had them.
+    bool takeComparisonHintsLocked(const std::shared_ptr<QNiCloudMetadataQuery>& query,
+                                   bool isCurrentQuery);
     /// Runs `change(QNiCloudCache&)` under `_cacheLock`, logging (instead of throwing) an index
     /// the cache's hash collisions make refuse a change.
     template <class Change>
@@ -759,6 +763,12 @@ private:
     std::vector<QNiCloudCacheEntry*> _comparisonHints;
     std::weak_ptr<QNiCloudCache> _comparisonHintsCache;
     std::uint64_t _comparisonHintsIndexRemovals = 0;
+    // The query whose result positions the hints index. Runs of one query follow each other on
+    // its queue; a run of another query (the current one taking over from one being replaced,
+    // whose run may still be finishing on another thread) starts the hints afresh, and a run of
+    // a query that no longer has them neither reads, writes nor vouches for them. Guarded by
+    // `_cacheLock`.
+    std::weak_ptr<QNiCloudMetadataQuery> _comparisonHintsQuery;
 
     // Guards the properties below, which are whole values read and replaced from any thread. A
     // leaf lock: nothing but making the cache runs while it is held.

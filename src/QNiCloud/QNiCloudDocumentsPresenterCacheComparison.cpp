@@ -70,6 +70,20 @@ std::uint32_t QNiCloudDocumentsPresenter::nextComparisonRun() {
     return run;
 }
 
+bool QNiCloudDocumentsPresenter::takeComparisonHintsLocked(
+    const std::shared_ptr<QNiCloudMetadataQuery>& query, bool isCurrentQuery) {
+    if (_comparisonHintsQuery.lock() == query) {
+        return true;
+    }
+    if (!isCurrentQuery) {
+        return false;
+    }
+    _comparisonHints.clear();
+    _comparisonHintsCache.reset();
+    _comparisonHintsQuery = query;
+    return true;
+}
+
 std::shared_ptr<QNiCloudMetadataQuery> QNiCloudDocumentsPresenter::cacheQuery() {
     std::lock_guard lock(_cacheQueryLock);
     return _cacheQuery;
@@ -139,6 +153,10 @@ void QNiCloudDocumentsPresenter::fillCacheWithNewCacheQueryResultsOuterOperation
         {
             std::lock_guard lock(_cacheLock);
             cache->createEntryAtPath(path, std::move(snapshot));
+            if (!takeComparisonHintsLocked(query, true)) {
+                ++index;
+                continue;  // another query has the hints now
+            }
             if (_comparisonHintsCache.lock() != cache ||
                 _comparisonHintsIndexRemovals != cache->indexRemovalCount()) {
                 _comparisonHints.clear();  // hints of another cache, or entries since removed
@@ -198,6 +216,7 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
         std::lock_guard lock(_cacheLock);
         indexChangesAtStart = cache->indexChangeCount();
         indexRemovalsAtStart = cache->indexRemovalCount();
+        takeComparisonHintsLocked(query, true);
     }
     const auto stamp = [run, &stamped](QNiCloudCacheEntry& entry) {
         if (entry.comparisonRun() != run) {
@@ -333,7 +352,7 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
     // its entry was then found equal to is settled without reading it or looking its path up,
     // as long as no entry has left the index since (nor moved, which takes it out and back).
     const auto hintsUsable = [&] {
-        return _comparisonHintsCache.lock() == cache &&
+        return takeComparisonHintsLocked(query, false) && _comparisonHintsCache.lock() == cache &&
                _comparisonHintsIndexRemovals == cache->indexRemovalCount();
     };
     // Entries a result changed during this run: a later result settled by its hint that names
@@ -441,9 +460,12 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
                             }
                         }
                     }
+                    const bool ownsHints = takeComparisonHintsLocked(query, false);
                     for (std::size_t i = 0; i < indices.size(); ++i) {
                         auto* entry = cache->findEntryForKey(current[i].key);
-                        _comparisonHints[indices[i]] = entry;
+                        if (ownsHints && indices[i] < _comparisonHints.size()) {
+                            _comparisonHints[indices[i]] = entry;
+                        }
                         const auto* old = entry != nullptr ? entry->metadataItem().get() : nullptr;
                         unchanged[i] = old != nullptr && old->isUnchangedSince(results[indices[i]]);
                         if (unchanged[i]) {
@@ -496,7 +518,9 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
                         pending.push_back(i);
                     }
                 }
-                _comparisonHints.resize(count);
+                if (takeComparisonHintsLocked(query, false)) {
+                    _comparisonHints.resize(count);
+                }
             }
             comparePending(results, pending, settled, stop);
         });
@@ -542,7 +566,9 @@ void QNiCloudDocumentsPresenter::updateCacheWithCacheQueryResultsOuterOperation(
         // The hints stand only if every entry they name is still where it was found: no entry
         // left the index during the run.
         std::lock_guard lock(_cacheLock);
-        if (cache->indexRemovalCount() == indexRemovalsAtStart) {
+        if (!takeComparisonHintsLocked(query, false)) {
+            // Another query has the hints; they are its runs' to vouch for.
+        } else if (cache->indexRemovalCount() == indexRemovalsAtStart) {
             _comparisonHintsCache = cache;
             _comparisonHintsIndexRemovals = indexRemovalsAtStart;
         } else {
