@@ -5,6 +5,7 @@
 // host then downloads a document and a folder on request, following them through its download
 // handlers, and a conflict check tells real conflicts from repeated edits. It also shows how the
 // library sums up what changed about a document between two snapshots of its cloud state.
+// With --drive it runs on the embedded cloud drive instead (OnTheDrive.cpp).
 
 #include <fmt/core.h>
 #include <fmt/format.h>
@@ -19,8 +20,10 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "OnTheDrive.h"
 #include "QNiCloud/QNiCloud.h"
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
 #include "QNiCloud/QNiCloudDownloadsManager.h"
@@ -331,8 +334,11 @@ bool runFirstMinutes(const std::shared_ptr<qn::SimulatedCloud>& cloud) {
 
 }  // namespace
 
-int main() {
-    showSnapshotComparison();
+int main(int argc, char** argv) {
+    const bool onTheDrive = argc > 1 && std::string_view(argv[1]) == "--drive";
+    if (!onTheDrive) {
+        showSnapshotComparison();
+    }
 
     // The example keeps its cloud drive and support files in a scratch directory.
     std::string scratch =
@@ -340,14 +346,17 @@ int main() {
     if (::mkdtemp(scratch.data()) == nullptr) {
         return 1;
     }
-    qn::setUbiquityDriveDirectory(scratch + "/Mobile Documents");
     qn::setApplicationSupportDirectory(scratch + "/Support");
-    auto cloud = qn::SimulatedCloud::create("alice@example.com");
-    qn::UbiquityService::setCurrent(cloud);
-
-    const bool ok = runFirstMinutes(cloud);
-
-    qn::UbiquityService::setCurrent(nullptr);
+    bool ok = false;
+    if (onTheDrive) {
+        ok = runOnTheDrive(scratch);
+    } else {
+        qn::setUbiquityDriveDirectory(scratch + "/Mobile Documents");
+        auto cloud = qn::SimulatedCloud::create("alice@example.com");
+        qn::UbiquityService::setCurrent(cloud);
+        ok = runFirstMinutes(cloud);
+        qn::UbiquityService::setCurrent(nullptr);
+    }
     std::filesystem::remove_all(scratch);
     qn::Logger::named("example").info("Example host {}.", ok ? "finished" : "gave up waiting");
     return ok ? 0 : 1;
