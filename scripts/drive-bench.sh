@@ -30,12 +30,16 @@ timed() {
     end=$(date +%s.%N)
     awk -v s="$start" -v e="$end" 'BEGIN { printf "%.3f", e - s }'
 }
-rclone_small=$(timed rclone copy "$work/small" "$work/rclone-small")
-rclone_large=$(timed rclone copy "$work/large" "$work/rclone-large")
+sync
+rclone_small=$(timed rclone copy -q "$work/small" "$work/rclone-small")
+sync
+rclone_large=$(timed rclone copy -q "$work/large" "$work/rclone-large")
+sync
 cp_large=$(timed cp "$work/large/large.bin" "$work/cp-large.bin")
 rm -rf "$work/rclone-small" "$work/rclone-large" "$work/cp-large.bin"
 
 echo "rclone copy, 10,000 files of 4 KiB:  ${rclone_small} s"
 echo "rclone copy, ${mib} MiB:              ${rclone_large} s"
 echo "cp, ${mib} MiB:                       ${cp_large} s"
+sync
 QN_DRIVE_BENCH_DIR="$work" QN_DRIVE_BENCH_LARGE_MIB="$mib" build/default/bench/qn_drive_bench

@@ -3,6 +3,7 @@
 // A drive store kept in a directory: the embedded default server of the cloud drive. Devices on
 // one machine, or on several machines sharing a network file system, use the same directory.
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,6 +14,11 @@
 #include "qn/DriveStore.h"
 
 namespace qn {
+
+namespace drive {
+class StoreIndex;
+struct StoreRecord;
+}  // namespace drive
 
 /// The store's directory holds a marker file naming the store, and one folder per account with
 /// its change log, its contents files (one per revision or version, never changed once
@@ -128,6 +134,17 @@ private:
                                 const Progress& progress, Error* error);
     // Removes the temporary files in `folder` whose uploaders died.
     static void removeAbandonedUploads(const std::string& folder);
+    // Stages the contents of `fd`, then, under the account's lock, lets `check` refuse the change
+    // and `describe` fill in the record (its sequence number, path, size and contents file are
+    // set), puts the contents in place and commits the record; `item`, when given, gets the item
+    // at the path as the commit left it.
+    std::optional<drive::StoreRecord> commitContents(
+        std::string_view account, std::string_view path, int fd, const Progress& progress,
+        const std::function<std::optional<Error>(const drive::StoreIndex&)>& check,
+        const std::function<void(drive::StoreRecord&)>& describe, Item* item, Error* error);
+    // Resolves (`resolve`) or removes one version of an item.
+    bool changeVersion(std::string_view account, std::string_view path, std::string_view identifier,
+                       bool resolve, bool resolved, Error* error);
     bool copyBlob(Account& account, const std::string& blob, std::string_view path, int fd,
                   const Progress& progress, Error* error);
 

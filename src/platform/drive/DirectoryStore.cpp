@@ -135,6 +135,22 @@ int copyWithProgress(int from, int to, std::uint64_t total, const DriveStore::Pr
     }
 }
 
+Error noItem(std::string_view path) {
+    return storeError(DriveStoreErrorNotFound,
+                      fmt::format("There is no item \"{}\" in the store.", path), path);
+}
+
+Error noRevision(std::string_view path, std::string_view revision) {
+    return storeError(DriveStoreErrorNotFound,
+                      fmt::format("The store holds no revision {} of \"{}\".", revision, path),
+                      path);
+}
+
+Error noVersion(std::string_view path, std::string_view identifier) {
+    return storeError(DriveStoreErrorNotFound,
+                      fmt::format("\"{}\" has no version {}.", path, identifier), path);
+}
+
 bool fail(Error* error, Error made) {
     setError(error, std::move(made));
     return false;
@@ -521,8 +537,7 @@ std::optional<DriveStore::Item> DirectoryStore::itemAtPath(std::string_view name
     if (const auto* entry = account->index.find(path)) {
         return account->index.item(std::string(path), *entry);
     }
-    setError(error, storeError(DriveStoreErrorNotFound,
-                               fmt::format("There is no item \"{}\" in the store.", path), path));
+    setError(error, noItem(path));
     return std::nullopt;
 }
 
@@ -541,10 +556,7 @@ std::optional<std::string> DirectoryStore::read(std::string_view name, std::stri
         }
         const auto* entry = account->index.find(path);
         if (entry == nullptr || entry->isDirectory || entry->revision != revision) {
-            setError(error, storeError(DriveStoreErrorNotFound,
-                                       fmt::format("The store holds no revision {} of \"{}\".",
-                                                   revision, path),
-                                       path));
+            setError(error, noRevision(path, revision));
             return std::nullopt;
         }
         blob = entry->blob;
@@ -552,12 +564,8 @@ std::optional<std::string> DirectoryStore::read(std::string_view name, std::stri
     const int fd = openFile(account->blobPath(blob), O_RDONLY);
     if (fd < 0) {
         // Replaced since it was looked up.
-        setError(error, errno == ENOENT
-                            ? storeError(DriveStoreErrorNotFound,
-                                         fmt::format("The store holds no revision {} of \"{}\".",
-                                                     revision, path),
-                                         path)
-                            : failure(errno, "read", path));
+        setError(error,
+                 errno == ENOENT ? noRevision(path, revision) : failure(errno, "read", path));
         return std::nullopt;
     }
     std::string bytes(length, '\0');
@@ -629,10 +637,7 @@ bool DirectoryStore::download(std::string_view name, std::string_view path,
         }
         const auto* entry = account->index.find(path);
         if (entry == nullptr || entry->isDirectory || entry->revision != revision) {
-            return fail(error, storeError(DriveStoreErrorNotFound,
-                                          fmt::format("The store holds no revision {} of \"{}\".",
-                                                      revision, path),
-                                          path));
+            return fail(error, noRevision(path, revision));
         }
         blob = entry->blob;
     }
@@ -722,51 +727,33 @@ std::optional<DriveStore::Item> DirectoryStore::upload(std::string_view name, st
         setError(error, std::move(*invalid));
         return std::nullopt;
     }
-    const auto account = this->account(name, error);
-    if (account == nullptr) {
+    Item item;
+    const auto committed = commitContents(
+        name, path, fd, progress,
+        [&](const drive::StoreIndex& index) -> std::optional<Error> {
+            const auto* entry = index.find(path);
+            if (auto problem = unmet(entry, condition, path)) {
+                return problem;
+            }
+            if (entry != nullptr && entry->isDirectory) {
+                return notAFolder(path, "a folder is in the way of the file");
+            }
+            if (entry == nullptr && !index.parentIsFolder(path)) {
+                return notAFolder(path, "its parent is not a folder in the store");
+            }
+            return std::nullopt;
+        },
+        [&](StoreRecord& record) {
+            record.kind = StoreRecord::Kind::Item;
+            record.revision = record.blob;
+            record.date = modificationDate;
+            record.device = std::string(device);
+        },
+        &item, error);
+    if (!committed) {
         return std::nullopt;
     }
-    const auto staged = stage(*account, fd, path, progress, error);
-    if (!staged) {
-        return std::nullopt;
-    }
-    const auto discard = [&](Error made) {
-        ::unlink(staged->path.c_str());
-        setError(error, std::move(made));
-        return std::nullopt;
-    };
-    Writer writer(*this, *account);
-    Error failed;
-    if (!writer.ready(&failed)) {
-        return discard(failed);
-    }
-    const auto* entry = writer.index().find(path);
-    if (auto problem = unmet(entry, condition, path)) {
-        return discard(*problem);
-    }
-    if (entry != nullptr && entry->isDirectory) {
-        return discard(notAFolder(path, "a folder is in the way of the file"));
-    }
-    if (entry == nullptr && !writer.index().parentIsFolder(path)) {
-        return discard(notAFolder(path, "its parent is not a folder in the store"));
-    }
-    StoreRecord record;
-    record.seq = writer.nextSeq();
-    record.kind = StoreRecord::Kind::Item;
-    record.path = std::string(path);
-    record.size = staged->size;
-    record.revision = std::to_string(record.seq);
-    record.blob = record.revision;
-    record.date = modificationDate;
-    record.device = std::string(device);
-    if (::rename(staged->path.c_str(), account->blobPath(record.blob).c_str()) != 0) {
-        return discard(failure(errno, "upload", path));
-    }
-    if (!writer.commit(record, error)) {
-        ::unlink(account->blobPath(record.blob).c_str());
-        return std::nullopt;
-    }
-    return writer.index().item(record.path, *writer.index().find(path));
+    return item;
 }
 
 std::optional<DriveStore::Item> DirectoryStore::makeDirectory(
@@ -826,9 +813,7 @@ bool DirectoryStore::remove(std::string_view name, std::string_view path,
     }
     const auto* entry = writer.index().find(path);
     if (entry == nullptr) {
-        return fail(error,
-                    storeError(DriveStoreErrorNotFound,
-                               fmt::format("There is no item \"{}\" in the store.", path), path));
+        return fail(error, noItem(path));
     }
     if (auto problem = unmet(entry, condition, path)) {
         return fail(error, std::move(*problem));
@@ -857,9 +842,7 @@ std::optional<DriveStore::Item> DirectoryStore::move(std::string_view name, std:
     }
     const auto* entry = writer.index().find(from);
     if (entry == nullptr) {
-        setError(error,
-                 storeError(DriveStoreErrorNotFound,
-                            fmt::format("There is no item \"{}\" in the store.", from), from));
+        setError(error, noItem(from));
         return std::nullopt;
     }
     if (auto problem = unmet(entry, condition, from)) {
@@ -898,11 +881,39 @@ std::optional<DriveStore::Version> DirectoryStore::addConflictVersion(std::strin
                                                                       Date modificationDate,
                                                                       std::string_view device,
                                                                       Error* error) {
+    const auto committed = commitContents(
+        name, path, fd, nullptr,
+        [&](const drive::StoreIndex& index) -> std::optional<Error> {
+            const auto* entry = index.find(path);
+            if (entry == nullptr || entry->isDirectory) {
+                return storeError(DriveStoreErrorNotFound,
+                                  fmt::format("There is no file \"{}\" in the store.", path), path);
+            }
+            return std::nullopt;
+        },
+        [&](StoreRecord& record) {
+            record.kind = StoreRecord::Kind::Version;
+            record.identifier = record.blob;
+            record.date = modificationDate;
+            record.device = std::string(device);
+        },
+        nullptr, error);
+    if (!committed) {
+        return std::nullopt;
+    }
+    const StoreRecord& record = *committed;
+    return Version{record.identifier, record.size, record.date, record.device, false};
+}
+
+std::optional<drive::StoreRecord> DirectoryStore::commitContents(
+    std::string_view name, std::string_view path, int fd, const Progress& progress,
+    const std::function<std::optional<Error>(const drive::StoreIndex&)>& check,
+    const std::function<void(drive::StoreRecord&)>& describe, Item* item, Error* error) {
     const auto account = this->account(name, error);
     if (account == nullptr) {
         return std::nullopt;
     }
-    const auto staged = stage(*account, fd, path, nullptr, error);
+    const auto staged = stage(*account, fd, path, progress, error);
     if (!staged) {
         return std::nullopt;
     }
@@ -916,29 +927,26 @@ std::optional<DriveStore::Version> DirectoryStore::addConflictVersion(std::strin
     if (!writer.ready(&failed)) {
         return discard(failed);
     }
-    const auto* entry = writer.index().find(path);
-    if (entry == nullptr || entry->isDirectory) {
-        return discard(storeError(DriveStoreErrorNotFound,
-                                  fmt::format("There is no file \"{}\" in the store.", path),
-                                  path));
+    if (auto problem = check(writer.index())) {
+        return discard(*problem);
     }
     StoreRecord record;
     record.seq = writer.nextSeq();
-    record.kind = StoreRecord::Kind::Version;
     record.path = std::string(path);
-    record.identifier = std::to_string(record.seq);
-    record.blob = record.identifier;
     record.size = staged->size;
-    record.date = modificationDate;
-    record.device = std::string(device);
+    record.blob = std::to_string(record.seq);
+    describe(record);
     if (::rename(staged->path.c_str(), account->blobPath(record.blob).c_str()) != 0) {
-        return discard(failure(errno, "keep a version of", path));
+        return discard(failure(errno, "store the contents of", path));
     }
     if (!writer.commit(record, error)) {
         ::unlink(account->blobPath(record.blob).c_str());
         return std::nullopt;
     }
-    return Version{record.identifier, record.size, record.date, record.device, false};
+    if (item != nullptr) {
+        *item = writer.index().item(record.path, *writer.index().find(record.path));
+    }
+    return record;
 }
 
 std::optional<std::vector<DriveStore::Version>> DirectoryStore::versions(std::string_view name,
@@ -954,9 +962,7 @@ std::optional<std::vector<DriveStore::Version>> DirectoryStore::versions(std::st
     }
     const auto* entry = account->index.find(path);
     if (entry == nullptr) {
-        setError(error,
-                 storeError(DriveStoreErrorNotFound,
-                            fmt::format("There is no item \"{}\" in the store.", path), path));
+        setError(error, noItem(path));
         return std::nullopt;
     }
     std::vector<Version> found;
@@ -988,9 +994,7 @@ bool DirectoryStore::downloadVersion(std::string_view name, std::string_view pat
         }
     }
     if (blob.empty()) {
-        return fail(error,
-                    storeError(DriveStoreErrorNotFound,
-                               fmt::format("\"{}\" has no version {}.", path, identifier), path));
+        return fail(error, noVersion(path, identifier));
     }
     return copyBlob(*account, blob, path, fd, nullptr, error);
 }
@@ -1007,30 +1011,17 @@ bool hasVersion(const drive::StoreIndex::Entry* entry, std::string_view identifi
 
 bool DirectoryStore::setVersionResolved(std::string_view name, std::string_view path,
                                         std::string_view identifier, bool resolved, Error* error) {
-    const auto account = this->account(name, error);
-    if (account == nullptr) {
-        return false;
-    }
-    Writer writer(*this, *account);
-    if (!writer.ready(error)) {
-        return false;
-    }
-    if (!hasVersion(writer.index().find(path), identifier)) {
-        return fail(error,
-                    storeError(DriveStoreErrorNotFound,
-                               fmt::format("\"{}\" has no version {}.", path, identifier), path));
-    }
-    StoreRecord record;
-    record.seq = writer.nextSeq();
-    record.kind = StoreRecord::Kind::Resolve;
-    record.path = std::string(path);
-    record.identifier = std::string(identifier);
-    record.flag = resolved;
-    return writer.commit(record, error);
+    return changeVersion(name, path, identifier, true, resolved, error);
 }
 
 bool DirectoryStore::removeVersion(std::string_view name, std::string_view path,
                                    std::string_view identifier, Error* error) {
+    return changeVersion(name, path, identifier, false, false, error);
+}
+
+bool DirectoryStore::changeVersion(std::string_view name, std::string_view path,
+                                   std::string_view identifier, bool resolve, bool resolved,
+                                   Error* error) {
     const auto account = this->account(name, error);
     if (account == nullptr) {
         return false;
@@ -1040,15 +1031,14 @@ bool DirectoryStore::removeVersion(std::string_view name, std::string_view path,
         return false;
     }
     if (!hasVersion(writer.index().find(path), identifier)) {
-        return fail(error,
-                    storeError(DriveStoreErrorNotFound,
-                               fmt::format("\"{}\" has no version {}.", path, identifier), path));
+        return fail(error, noVersion(path, identifier));
     }
     StoreRecord record;
     record.seq = writer.nextSeq();
-    record.kind = StoreRecord::Kind::RemoveVersion;
+    record.kind = resolve ? StoreRecord::Kind::Resolve : StoreRecord::Kind::RemoveVersion;
     record.path = std::string(path);
     record.identifier = std::string(identifier);
+    record.flag = resolved;
     return writer.commit(record, error);
 }
 

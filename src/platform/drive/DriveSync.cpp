@@ -51,6 +51,16 @@ Date dateOf(const LocalIdentity& identity) {
     return Date::fromTimespec(time);
 }
 
+// What the store says of an item, as the journal keeps it.
+void adopt(JournalEntry& entry, const DriveStore::Item& item) {
+    entry.isDirectory = item.isDirectory;
+    entry.revision = item.revision;
+    entry.size = item.size;
+    entry.modificationDate = item.modificationDate;
+    entry.device = item.device;
+    entry.unresolvedConflicts = item.unresolvedConflicts;
+}
+
 bool isBelow(std::string_view path, std::string_view folder) {
     return path.size() > folder.size() && path.starts_with(folder) && path[folder.size()] == '/';
 }
@@ -123,10 +133,7 @@ void DriveEngine::recoverPendingWork() {
             if (item && item->revision != entry.pendingRevision &&
                 item->device == options_.deviceName && item->size == local->size &&
                 item->modificationDate == dateOf(*local)) {
-                entry.revision = item->revision;
-                entry.size = item->size;
-                entry.modificationDate = item->modificationDate;
-                entry.device = item->device;
+                adopt(entry, *item);
                 entry.local = local;
             }
         } else if (entry.pending == Pending::Download && local && !entry.local &&
@@ -197,20 +204,12 @@ void DriveEngine::applyRemoteItem(const DriveStore::Item& item) {
             known = found->second;
         }
     }
-    const auto adopt = [&](View& view) {
-        view.entry.isDirectory = item.isDirectory;
-        view.entry.revision = item.revision;
-        view.entry.size = item.size;
-        view.entry.modificationDate = item.modificationDate;
-        view.entry.device = item.device;
-        view.entry.unresolvedConflicts = item.unresolvedConflicts;
-    };
     if (known && known->entry.revision == item.revision) {
         if (known->entry.unresolvedConflicts != item.unresolvedConflicts ||
             known->entry.device != item.device) {
             {
                 std::lock_guard lock(mutex_);
-                adopt(views_[item.path]);
+                adopt(views_[item.path].entry, item);
             }
             record(item.path);
         }
@@ -227,7 +226,7 @@ void DriveEngine::applyRemoteItem(const DriveStore::Item& item) {
         {
             std::lock_guard lock(mutex_);
             View& view = views_[item.path];
-            adopt(view);
+            adopt(view.entry, item);
             view.entry.path = item.path;
             view.entry.local = isDirectory ? made : std::nullopt;
             view.current = view.entry.local;
@@ -241,7 +240,7 @@ void DriveEngine::applyRemoteItem(const DriveStore::Item& item) {
         // another item; uploading it will keep both.
         std::lock_guard lock(mutex_);
         View& view = views_[item.path];
-        adopt(view);
+        adopt(view.entry, item);
         view.entry.path = item.path;
         view.entry.local.reset();
         view.current = local;
@@ -255,7 +254,7 @@ void DriveEngine::applyRemoteItem(const DriveStore::Item& item) {
         busy_ = true;
     } else if (!known->entry.local) {
         std::lock_guard lock(mutex_);
-        adopt(views_[item.path]);
+        adopt(views_[item.path].entry, item);
     }
     // Otherwise the local copy has changes: its upload meets the new revision and becomes a
     // conflict version.
@@ -485,9 +484,7 @@ void DriveEngine::uploadFolder(const std::string& path) {
         View& now = views_[path];
         now.entry.path = path;
         now.entry.isDirectory = true;
-        now.entry.revision = item->revision;
-        now.entry.modificationDate = item->modificationDate;
-        now.entry.device = item->device;
+        adopt(now.entry, *item);
         now.entry.local = now.current;
     }
     record(path);
@@ -552,11 +549,7 @@ void DriveEngine::upload(const std::string& path) {
         {
             std::lock_guard lock(mutex_);
             View& now = views_[path];
-            now.entry.revision = item->revision;
-            now.entry.size = item->size;
-            now.entry.modificationDate = item->modificationDate;
-            now.entry.device = item->device;
-            now.entry.unresolvedConflicts = item->unresolvedConflicts;
+            adopt(now.entry, *item);
             now.entry.local = identity;
             now.entry.pending = Pending::None;
             now.entry.pendingRevision.clear();
@@ -607,11 +600,7 @@ void DriveEngine::keepAsConflict(const std::string& path, int fd, const LocalIde
         std::lock_guard lock(mutex_);
         View& view = views_[path];
         if (item) {
-            view.entry.revision = item->revision;
-            view.entry.size = item->size;
-            view.entry.modificationDate = item->modificationDate;
-            view.entry.device = item->device;
-            view.entry.unresolvedConflicts = item->unresolvedConflicts;
+            adopt(view.entry, *item);
         }
         view.entry.local = identity;  // replaced only while it is still this very file
         view.entry.pending = Pending::None;
@@ -797,11 +786,7 @@ bool DriveEngine::download(const std::string& path) {
         {
             std::lock_guard lock(mutex_);
             View& now = views_[path];
-            now.entry.revision = item->revision;
-            now.entry.size = item->size;
-            now.entry.modificationDate = item->modificationDate;
-            now.entry.device = item->device;
-            now.entry.unresolvedConflicts = item->unresolvedConflicts;
+            adopt(now.entry, *item);
             now.entry.local = placed;
             now.entry.pending = Pending::None;
             now.entry.pendingRevision.clear();
