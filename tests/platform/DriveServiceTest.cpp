@@ -12,7 +12,9 @@
 #include "qn/DirectoryStore.h"
 #include "qn/DriveService.h"
 #include "qn/FileAttributes.h"
+#include "qn/MainQueue.h"
 #include "qn/MetadataAttributes.h"
+#include "qn/NotificationCenter.h"
 #include "support/TemporaryDirectory.h"
 
 namespace qn::test {
@@ -100,7 +102,8 @@ protected:
         b = open("B");
     }
 
-    Device open(const std::string& name) {
+    // Signed in to alice unless `signIn` is false (the device then keeps the account it had).
+    Device open(const std::string& name, bool signIn = true) {
         Device device;
         Error error;
         DriveService::Options options;
@@ -110,7 +113,7 @@ protected:
         options.pollInterval = 20ms;
         device.drive = DriveService::open(options, &error);
         EXPECT_NE(device.drive, nullptr) << error.description();
-        EXPECT_TRUE(device.drive->signIn(kAccount, &error)) << error.description();
+        EXPECT_TRUE(!signIn || device.drive->signIn(kAccount, &error)) << error.description();
         device.documents = device.drive->containerURL(kContainer)->path() + "/Documents";
         fs::create_directories(device.documents);
         device.drive->startMetadataFeed({NSMetadataQueryUbiquitousDocumentsScope}, device.reports);
@@ -235,6 +238,38 @@ TEST_F(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
     EXPECT_NE(error.description().find("not uploaded"), std::string::npos);
     EXPECT_EQ(readFile(b.path("keep.txt")), "changed");
     b.drive->setSyncPaused(false);
+}
+
+TEST_F(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersTheChoice) {
+    write(a.path("mine.txt"), "alice's");
+    settle();
+    ASSERT_TRUE(DirectoryStore::open(directory.path() + "/store")->addAccount("bob", nullptr));
+    const auto token = a.drive->identityToken();
+    int told = 0;
+    NotificationCenter::defaultCenter().addObserver(this, NSUbiquityIdentityDidChangeNotification,
+                                                    nullptr, [&](const Notification&) { ++told; });
+
+    // Another account: alice's containers are put aside, bob's (none yet) take their place.
+    Error error;
+    ASSERT_TRUE(a.drive->signIn("bob", &error)) << error.description();
+    EXPECT_NE(a.drive->identityToken(), token);
+    EXPECT_FALSE(fs::exists(a.path("mine.txt")));
+    EXPECT_FALSE(a.drive->signIn("nobody", &error)) << "the store must hold the account";
+    a.drive->signOut();
+    EXPECT_FALSE(a.drive->identityToken());
+    EXPECT_FALSE(a.drive->containerURL(kContainer));
+    ASSERT_TRUE(MainQueue::runUntil([&] { return told == 2; }, 10s));
+
+    // Back to alice, also after the device is opened again: her files are where they were.
+    ASSERT_TRUE(a.drive->signIn(kAccount, &error));
+    a.drive.reset();
+    a = open("A", false);
+    EXPECT_EQ(a.drive->account(), kAccount);
+    EXPECT_EQ(a.drive->identityToken(), token);
+    EXPECT_EQ(readFile(a.path("mine.txt")), "alice's");
+    ASSERT_TRUE(a.drive->waitUntilIdle(10s));
+    EXPECT_TRUE(a.downloaded("mine.txt"));
+    NotificationCenter::defaultCenter().removeObserver(this);
 }
 
 TEST_F(DriveServiceTest, ADeviceHasOneEngineAtATime) {

@@ -534,8 +534,12 @@ void DriveEngine::upload(const std::string& path) {
             struct stat now {};
             return ::stat(localPath.c_str(), &now) == 0 && identityOf(now) == identity;
         }
-        std::lock_guard lock(mutex_);
-        views_[path].percentUploaded = total == 0 ? 100.0 : 100.0 * done / total;
+        {
+            std::lock_guard lock(mutex_);
+            views_[path].percentUploaded = total == 0 ? 100.0 : 100.0 * done / total;
+            changedPaths_.insert(path);
+        }
+        deliverFeeds();
         return true;
     };
     Error error;
