@@ -44,6 +44,8 @@ enum DriveStoreError : std::int64_t {
     DriveStoreErrorNotAFolder = 8,
     /// Something is already at the place an item is moved to.
     DriveStoreErrorExists = 9,
+    /// A folder to remove still holds items.
+    DriveStoreErrorNotEmpty = 10,
 };
 
 /// With DriveStoreErrorRevisionMismatch: the store's current revision of the item.
@@ -166,8 +168,9 @@ public:
     virtual std::optional<Item> makeDirectory(std::string_view account, std::string_view path,
                                               const Condition& condition, Date modificationDate,
                                               std::string_view device, Error* error) = 0;
-    /// Removes the item (a folder with everything in it) and its versions when it meets
-    /// `condition`.
+    /// Removes the item and its versions when it meets `condition`. A folder must be empty: what
+    /// is in it is removed item by item, each on the revision its remover saw, so that an item
+    /// another device added meanwhile is never removed unseen.
     virtual bool remove(std::string_view account, std::string_view path, const Condition& condition,
                         Error* error) = 0;
     /// Moves the item (a folder with everything in it) when it meets `condition` and nothing is

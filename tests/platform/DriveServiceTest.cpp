@@ -240,6 +240,34 @@ TEST_F(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
     b.drive->setSyncPaused(false);
 }
 
+TEST_F(DriveServiceTest, AFolderMovesWholeAndItsRemovalSparesWhatOthersAddedMeanwhile) {
+    fs::create_directories(a.path("Trip/Photos"));
+    write(a.path("Trip/plan.txt"), "plan");
+    write(a.path("Trip/Photos/beach.jpg"), "beach");
+    settle();
+    fs::rename(a.path("Trip"), a.path("Journey"));
+    settle();
+    EXPECT_TRUE(b.known("Journey/Photos/beach.jpg"));
+    EXPECT_FALSE(b.known("Trip/plan.txt"));
+    for (Device* device : {&a, &b}) {
+        EXPECT_TRUE(device->drive->otherVersionsOfItem(device->url("Journey/plan.txt")).empty())
+            << "moved, not taken for new items in conflict with themselves";
+    }
+
+    // B adds a file that A has not heard of when A removes the folder: only what A knew goes.
+    a.drive->setSyncPaused(true);
+    write(b.path("Journey/late.txt"), "late");
+    ASSERT_TRUE(b.drive->waitUntilIdle(10s));
+    fs::remove_all(a.path("Journey"));
+    a.drive->setSyncPaused(false);
+    settle();
+    EXPECT_FALSE(b.known("Journey/plan.txt"));
+    EXPECT_FALSE(b.known("Journey/Photos/beach.jpg"));
+    EXPECT_TRUE(b.known("Journey/late.txt"));
+    EXPECT_TRUE(a.known("Journey/late.txt"));
+    EXPECT_TRUE(fs::is_directory(a.path("Journey"))) << "the folder is back for what it holds";
+}
+
 TEST_F(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersTheChoice) {
     write(a.path("mine.txt"), "alice's");
     settle();

@@ -136,10 +136,14 @@ TEST_P(DriveStoreContractTest, WritesAreConditionalOnTheRevisionLastSeen) {
     EXPECT_FALSE(store->move(kAccount, "C/G", "C/a.txt", DriveStore::Condition::any(), &error));
     EXPECT_EQ(error.code(), DriveStoreErrorExists);
     EXPECT_FALSE(store->move(kAccount, "C/G", "C/G/H", DriveStore::Condition::any(), &error));
+    // A folder goes only once it is empty.
+    EXPECT_FALSE(store->remove(kAccount, "C/G", DriveStore::Condition::any(), &error));
+    EXPECT_EQ(error.code(), DriveStoreErrorNotEmpty);
+    EXPECT_TRUE(store->remove(kAccount, "C/G/b.txt", DriveStore::Condition::any(), &error));
     EXPECT_TRUE(
         store->remove(kAccount, "C/G", DriveStore::Condition::atRevision(moved->revision), &error))
         << error.description();
-    EXPECT_FALSE(store->itemAtPath(kAccount, "C/G/b.txt", nullptr));
+    EXPECT_FALSE(store->itemAtPath(kAccount, "C/G", nullptr));
 
     // Folders: made twice is no conflict, but a file is in the way of one, and a file needs its
     // parent folder.

@@ -818,6 +818,10 @@ bool DirectoryStore::remove(std::string_view name, std::string_view path,
     if (auto problem = unmet(entry, condition, path)) {
         return fail(error, std::move(*problem));
     }
+    if (entry->isDirectory && writer.index().hasItemsBelow(path)) {
+        return fail(error, storeError(DriveStoreErrorNotEmpty,
+                                      fmt::format("The folder \"{}\" is not empty.", path), path));
+    }
     StoreRecord record;
     record.seq = writer.nextSeq();
     record.kind = StoreRecord::Kind::Remove;

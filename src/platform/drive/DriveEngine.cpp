@@ -702,9 +702,12 @@ void DriveEngine::pass() {
         if (!scannedAll_) {
             recoverPendingWork();
         }
-        applyRemoteChanges();
+        // Local changes first: what the user did is judged on what this device knew when it
+        // was done, not on what the store says since (a folder removed here takes with it only
+        // the items this device had heard of).
         scanLocal(!scannedAll_);
         scannedAll_ = true;
+        applyRemoteChanges();
         performDownloads();
         std::lock_guard lock(mutex_);
         busy_ = !retry_.empty() || pollFailed_ ||

@@ -144,6 +144,7 @@ private:
     bool scannedAll_ = false;             // accountMutex_
     std::set<std::string> retry_;         // items whose sync failed, looked at again; accountMutex_
     bool pollFailed_ = false;             // the last request for the store's changes failed
+    std::set<std::string> insideRemovedFolder_;  // during a pass: known items of removed folders
     DriveWatcher watcher_;                // engine thread, accountMutex_
 
     mutable std::mutex mutex_;

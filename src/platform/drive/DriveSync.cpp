@@ -341,8 +341,18 @@ void DriveEngine::scanLocal(bool everything) {
                 vanished.push_back(path);
             }
         }
+        // A folder that vanished took everything this device knew in it, downloaded or not.
+        for (const auto& gone : std::vector<std::string>(vanished)) {
+            for (auto it = views_.upper_bound(gone + "/");
+                 it != views_.end() && isBelow(it->first, gone); ++it) {
+                it->second.current.reset();
+                vanished.push_back(it->first);
+                insideRemovedFolder_.insert(it->first);
+            }
+        }
     }
     handleLocalChanges(appeared, vanished);
+    insideRemovedFolder_.clear();
 }
 
 void DriveEngine::scanFolder(const std::string& storeFolder, bool recursive,
@@ -642,6 +652,11 @@ bool DriveEngine::moveRemotely(const std::string& from, const std::string& to) {
             const std::string newPath = to + node.key().substr(from.size());
             node.key() = newPath;
             node.mapped().entry.path = newPath;
+            // The scan met the moved items in their new place as new ones: they are these.
+            if (const auto met = views_.find(newPath); met != views_.end()) {
+                node.mapped().current = met->second.current;
+                views_.erase(met);
+            }
             removedPaths_.insert(from + newPath.substr(to.size()));
             moved.push_back(newPath);
             views_.insert(std::move(node));
@@ -672,17 +687,35 @@ void DriveEngine::removeRemotely(const std::string& path) {
         }
         view = found->second;
     }
-    if (view.entry.revision.empty() || !view.entry.local) {
-        if (view.entry.revision.empty()) {
-            forget(path);
-        }
-        return;  // never in the store, or never downloaded here: nothing of it was removed
+    if (view.entry.revision.empty()) {
+        forget(path);  // never in the store
+        return;
+    }
+    if (!view.entry.local && !insideRemovedFolder_.contains(path)) {
+        return;  // never downloaded here: nothing of it was removed
     }
     Error error;
     if (options_.store->remove(*account_, path,
                                DriveStore::Condition::atRevision(view.entry.revision), &error) ||
         error.code() == DriveStoreErrorNotFound) {
         forget(path);
+        return;
+    }
+    if (error.code() == DriveStoreErrorNotEmpty) {
+        // Another device put something in it since this device last looked: the folder stays,
+        // back on the disk, with what it holds.
+        std::error_code ignored;
+        fs::create_directories(localPathOf(path), ignored);
+        bool isDirectory = false;
+        const auto identity = identityOfLocal(path, &isDirectory);
+        {
+            std::lock_guard lock(mutex_);
+            View& now = views_[path];
+            now.current = identity;
+            now.entry.local = identity;
+        }
+        watchTree(localPathOf(path));
+        record(path);
         return;
     }
     if (error.code() == DriveStoreErrorRevisionMismatch) {

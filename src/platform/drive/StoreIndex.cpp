@@ -151,6 +151,11 @@ bool StoreIndex::parentIsFolder(std::string_view path) const {
     return entry != nullptr && entry->isDirectory;
 }
 
+bool StoreIndex::hasItemsBelow(std::string_view path) const {
+    const auto next = entries_.upper_bound(std::string(path) + '/');
+    return next != entries_.end() && isBelow(next->first, path);
+}
+
 DriveStore::Item StoreIndex::item(const std::string& path, const Entry& entry) const {
     const auto unresolved = std::count_if(entry.versions.begin(), entry.versions.end(),
                                           [](const Version& v) { return !v.resolved; });

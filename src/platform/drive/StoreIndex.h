@@ -47,6 +47,8 @@ public:
     const Entry* find(std::string_view path) const;
     /// Whether `path` may hold a new item: its parent is a folder (or it is at the top).
     bool parentIsFolder(std::string_view path) const;
+    /// Whether any item lies below `path`.
+    bool hasItemsBelow(std::string_view path) const;
     DriveStore::Item item(const std::string& path, const Entry& entry) const;
     const std::map<std::string, Entry, std::less<>>& entries() const { return entries_; }
 
