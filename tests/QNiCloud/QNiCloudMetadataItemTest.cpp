@@ -44,8 +44,11 @@ std::size_t warnings(const qn::CapturingLogSink& sink) {
     return n;
 }
 
-TEST(QNiCloudMetadataItemTest, ComparisonTakesTheFirstRuleThatHolds) {
-    const std::optional<qn::Date> later = qn::Date(200), earlier = qn::Date(50), none;
+// The order of the rules is compared with a model of its own by the randomized synchronisation
+// test. Its reports never show a transfer both running and done, neighbouring or NaN percentages
+// or a missing date, and it does not read the warnings; those are here.
+TEST(QNiCloudMetadataItemTest, ComparisonOfStatesTheReportsNeverShow) {
+    const std::optional<qn::Date> earlier = qn::Date(50), none;
     struct Case {
         const char* what;
         State old, now;
@@ -54,25 +57,11 @@ TEST(QNiCloudMetadataItemTest, ComparisonTakesTheFirstRuleThatHolds) {
     };
     // clang-format off
     const Case cases[] = {
-        {"identical", {}, {}, QNiCloudFileChangeNone},
-        {"conflicts before dates", {}, {.C = true, .date = later}, QNiCloudFileChangeConflictAppeared},
-        {"resolved before dates", {.C = true}, {.D = true, .date = later}, QNiCloudFileChangeConflictResolved},
-        {"agreeing conflicts do not hide dates", {.C = true}, {.C = true, .date = later}, QNiCloudFileChangeContentChanged},
-        {"later date hides transfers", {}, {.D = true, .d = true, .date = later}, QNiCloudFileChangeContentChanged},
         {"downloading before downloaded", {.pD = 40}, {.D = true, .d = true, .pD = 40}, QNiCloudFileChangeDownloadingStarted},
-        {"downloaded before progress", {.pD = 40}, {.D = true, .pD = 100}, QNiCloudFileChangeDownloaded},
-        {"progress", {.d = true, .pD = 40}, {.d = true, .pD = 40.5}, QNiCloudFileChangeDownloadProgress},
         {"progress has no tolerance", {.pD = 40}, {.pD = std::nextafter(40.0, 41.0)}, QNiCloudFileChangeDownloadProgress},
         {"NaN differs from itself", {.pD = kNaN}, {.pD = kNaN}, QNiCloudFileChangeDownloadProgress},
-        {"no reverse download, no percent once downloaded", {.D = true, .pD = 100}, {.pD = 10}, QNiCloudFileChangeNone},
-        {"downloading stopped", {.d = true}, {}, QNiCloudFileChangeNone},
-        {"download before upload", {.pD = 1}, {.u = true, .pD = 2}, QNiCloudFileChangeDownloadProgress},
         {"uploading before uploaded", {}, {.U = true, .u = true}, QNiCloudFileChangeUploadingStarted},
-        {"uploaded before progress", {.pU = 20}, {.U = true, .pU = 100}, QNiCloudFileChangeUploaded},
         {"upload progress with NaN", {.pU = 20}, {.pU = kNaN}, QNiCloudFileChangeUploadProgress},
-        {"no percent once uploaded", {.U = true, .pU = 100}, {.pU = 3}, QNiCloudFileChangeNone},
-        {"settled download", {.D = true, .pD = 100}, {.D = true, .pD = 100}, QNiCloudFileChangeNone},
-        {"settled upload", {.U = true, .pU = 100}, {.U = true, .pU = 100}, QNiCloudFileChangeNone},
         {"backwards date alone", {}, {.date = earlier}, QNiCloudFileChangeNone, true},
         {"backwards date, then transfers", {}, {.d = true, .date = earlier}, QNiCloudFileChangeDownloadingStarted, true},
         {"missing old date is no content change", {.date = none}, {}, QNiCloudFileChangeNone, true},
@@ -101,20 +90,16 @@ TEST(QNiCloudMetadataItemTest, DatesGoingBackwardsWarnWithExactText) {
                               "Unexpected metadata fsContentChangeDate value. Old = (null) "
                               "(0.000000), new = 2001-01-01 00:01:40 +0000 (100.500000)"));
 
-    // Updating keeps the later date but takes every flag; size and name stay.
-    old->setContentSize(7);
-    old->updateStateUsingMetadataItem(
-        *make({.D = true, .d = true, .U = true, .C = true, .pD = 9, .pU = 8, .date = qn::Date(3)}));
+    // Updating keeps the later date (the flags it takes, and the size it keeps, are compared with
+    // the model by the synchronisation test).
+    old->updateStateUsingMetadataItem(*make({.date = qn::Date(3)}));
     EXPECT_TRUE(sink.contains(qn::LogLevel::Warn,
                               "Unexpected metadata fsContentChangeDate value detected while "
                               "updating metadata item state. Old = 2001-01-01 00:01:40 +0000 "
                               "(100.500000), new = 2001-01-01 00:00:03 +0000 (3.000000); "
                               "fileName = 'a.txt'"));
     EXPECT_EQ(old->fsContentChangeDate(), qn::Date(100.5));
-    EXPECT_TRUE(old->isDownloaded() && old->isDownloading() && old->isUploaded() &&
-                old->hasUnresolvedConflicts() && !old->isUploading());
-    EXPECT_TRUE(old->percentDownloaded() == 9 && old->percentUploaded() == 8);
-    EXPECT_TRUE(old->contentSize() == 7u && old->fileName() == "a.txt");
+    EXPECT_EQ(old->fileName(), "a.txt");
 
     // A missing new date keeps the old one too; a later one, or any over a missing one, is taken.
     old->updateStateUsingMetadataItem(*make({.date = std::nullopt}));
@@ -138,15 +123,11 @@ TEST(QNiCloudMetadataItemTest, SnapshotOfAPathAndItsCopy) {
 
     const auto copy = item->copy();
     EXPECT_EQ(copy->fileName(), std::nullopt);
-    EXPECT_EQ(copy->contentSize(), 5u);
     EXPECT_EQ(copy->compareWithMetadataItem(*item), QNiCloudFileChangeNone);
     EXPECT_EQ(QNiCloudMetadataItem::metadataItemWithQNiCloudMetadataItem(nullptr), nullptr);
-
-    const auto directory =
-        QNiCloudMetadataItem::metadataItemWithPath(dir.mkdir("Folder"), false, true);
-    EXPECT_EQ(directory->fileName(), "Folder");
-    EXPECT_EQ(directory->contentSize(), 0u);
-    EXPECT_EQ(directory->percentUploaded(), 100.0);
+    EXPECT_EQ(
+        QNiCloudMetadataItem::metadataItemWithPath(dir.mkdir("Folder"), false, true)->contentSize(),
+        0u);
 }
 
 TEST(QNiCloudMetadataItemTest, UnreadableDateLogsAndGivesAPartialSnapshot) {

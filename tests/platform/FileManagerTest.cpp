@@ -89,9 +89,11 @@ protected:
     Strings seconds;
 };
 
+// The size, permissions and modification date (as attributes) and the size, date and
+// directory flag (as resource values) reach the presenter tests and the synchronisation test
+// exactly; the rest is here.
 TEST_F(FileManagerTest, AttributesAndResourceValuesDescribeTheItemItself) {
     const std::string file = dir.write("doc.txt", "hello");
-    ASSERT_EQ(::chmod(file.c_str(), 0640), 0);
     dir.symlink("link", "doc.txt");
     dir.symlink("folderLink", dir.mkdir("folder"));
     dir.symlink("dangling", "nowhere");
@@ -101,9 +103,6 @@ TEST_F(FileManagerTest, AttributesAndResourceValuesDescribeTheItemItself) {
     const struct stat status = dir.status("doc.txt");
     const std::pair<const char*, qn::Value> expected[] = {
         {qn::NSFileType, qn::NSFileTypeRegular},
-        {qn::NSFileSize, std::uint64_t{5}},
-        {qn::NSFilePosixPermissions, std::int64_t{0640}},
-        {qn::NSFileModificationDate, qn::Date::fromTimespec(status.st_mtim)},
         {qn::NSFileOwnerAccountID, std::uint64_t{status.st_uid}},
         {qn::NSFileGroupOwnerAccountID, std::uint64_t{status.st_gid}},
         {qn::NSFileReferenceCount, std::uint64_t{status.st_nlink}},
@@ -141,10 +140,7 @@ TEST_F(FileManagerTest, AttributesAndResourceValuesDescribeTheItemItself) {
     EXPECT_TRUE(loaded.empty());
 
     for (const auto& [name, key, value] :
-         {std::tuple{"doc.txt", qn::NSURLFileSizeKey, qn::Value(std::uint64_t{5})},
-          {"doc.txt", qn::NSURLIsRegularFileKey, true},
-          {"doc.txt", qn::NSURLContentModificationDateKey, qn::Date::fromTimespec(status.st_mtim)},
-          {"folder", qn::NSURLIsDirectoryKey, true},
+         {std::tuple{"doc.txt", qn::NSURLIsRegularFileKey, qn::Value(true)},
           {"folderLink", qn::NSURLIsDirectoryKey, false}}) {
         EXPECT_EQ(manager->resourceValue(dir.urlOf(name), key), value) << name << " " << key;
     }
@@ -312,11 +308,11 @@ TEST_F(FileManagerTest, CreatingAndMovingNeverReplaceAnExistingItem) {
     auto moveNewTo = [&](const char* path) {
         return manager->moveItemAtURL(dir.urlOf("new"), dir.urlOf(path), &error);
     };
-    dir.write("b", "B");
-    EXPECT_TRUE(failed(moveNewTo("b"), qn::NSFileWriteFileExistsError, EEXIST, dir.pathOf("b")));
-    EXPECT_EQ(dir.read("new") + dir.read("b"), "shortB");
-    dir.symlink("dangling", "nowhere");  // Also an item in the way.
-    EXPECT_TRUE(failed(moveNewTo("dangling"), qn::NSFileWriteFileExistsError));
+    // An item in the way, even a dangling link, is never replaced (that a file keeps its contents
+    // the conflict copies of the file version test show).
+    dir.symlink("dangling", "nowhere");
+    EXPECT_TRUE(failed(moveNewTo("dangling"), qn::NSFileWriteFileExistsError, EEXIST,
+                       dir.pathOf("dangling")));
     ASSERT_TRUE(moveNewTo("c")) << error.description();
     EXPECT_EQ(dir.read("c"), "short");
     EXPECT_FALSE(dir.exists("new"));
@@ -560,7 +556,6 @@ TEST_F(FileManagerTest, ListingsAndEnumeratorsGoInByteOrderAndNeverFollowLinks) 
     EXPECT_EQ(valueOf(*walk->fileAttributes(), qn::NSFileType),
               qn::Value(qn::NSFileTypeSymbolicLink));
     EXPECT_EQ(manager->enumeratorAtPath(dir.pathOf("B")), nullptr);
-    EXPECT_EQ(manager->enumeratorAtPath(dir.pathOf("missing")), nullptr);
 
     auto urls = [&](qn::DirectoryEnumerationOptions options) {
         Strings result;
