@@ -106,7 +106,7 @@ std::string StoreRecord::encode() const {
         case Kind::Remove:
             break;
         case Kind::Move:
-            line += "\t" + percentEscaped(target);
+            line += fmt::format("\t{}", percentEscaped(target));
             break;
         case Kind::Version:
             line += fmt::format("\t{}\t{}\t{}\t{}\t{}", percentEscaped(identifier), size,
@@ -117,7 +117,7 @@ std::string StoreRecord::encode() const {
             line += fmt::format("\t{}\t{}", percentEscaped(identifier), flag ? 1 : 0);
             break;
         case Kind::RemoveVersion:
-            line += "\t" + percentEscaped(identifier);
+            line += fmt::format("\t{}", percentEscaped(identifier));
             break;
     }
     line += fmt::format("\t{:08x}\n", checksum(line));
