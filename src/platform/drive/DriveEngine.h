@@ -145,7 +145,7 @@ private:
     std::set<std::string> retry_;         // items whose sync failed, looked at again; accountMutex_
     bool pollFailed_ = false;             // the last request for the store's changes failed
     std::set<std::string> insideRemovedFolder_;  // during a pass: known items of removed folders
-    DriveWatcher watcher_;                // engine thread, accountMutex_
+    DriveWatcher watcher_;                       // engine thread, accountMutex_
 
     mutable std::mutex mutex_;
     std::condition_variable changed_;  // with mutex_: work done, a delivery ended, a wake
