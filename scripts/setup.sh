@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 preset=${1:-default}
 
 packages=(g++ cmake ninja-build libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev libicu-dev
-          libsqlite3-dev)
+          libsqlite3-dev libcli11-dev)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

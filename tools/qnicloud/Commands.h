@@ -1,0 +1,22 @@
+#pragma once
+
+// The subcommands of `qnicloud`, each added to the application with the options it takes and
+// run through `Device`. Main thread only.
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <memory>
+
+#include "Device.h"
+
+namespace qnicloud {
+
+/// What a subcommand does once its options are parsed; it throws `CommandError` to fail.
+using Run = std::function<void(Device& device)>;
+
+/// `store init`, `account sign-in|sign-out|switch|show`.
+void addAccountCommands(CLI::App& app, Run* run);
+/// `status`.
+void addStatusCommand(CLI::App& app, Run* run);
+
+}  // namespace qnicloud
