@@ -56,7 +56,7 @@ Outcome qnicloud(const std::string& device, std::vector<std::string> arguments) 
     return outcome;
 }
 
-TEST(QnicloudToolTest, StoreAccountAndStatus) {
+TEST(QnicloudToolTest, StoreAccountStatusAndListingOnTwoDevices) {
     TemporaryDirectory directory;
     const std::string device = directory.path() + "/device";
     const std::string store = directory.path() + "/store";
@@ -82,6 +82,20 @@ TEST(QnicloudToolTest, StoreAccountAndStatus) {
     EXPECT_NE(outcome.out.find("items: 1 downloaded, 0 cloud only"), std::string::npos)
         << outcome.out;
     EXPECT_NE(outcome.out.find("1 folders"), std::string::npos) << outcome.out;
+
+    // A second device on the same store sees the document in the cloud only.
+    const std::string other = directory.path() + "/other";
+    EXPECT_EQ(qnicloud(other, {"account", "sign-in", "alice", "--store", store}).status, 0);
+    outcome = qnicloud(other, {"ls", "--json"});
+    EXPECT_EQ(outcome.status, 0) << outcome.err;
+    EXPECT_NE(outcome.out.find(R"({"path": "a.txt", "folder": false, "state": "cloud only")"),
+              std::string::npos)
+        << outcome.out;
+    EXPECT_NE(outcome.out.find(R"({"path": "Folder", "folder": true)"), std::string::npos)
+        << outcome.out;
+    outcome = qnicloud(other, {"ls", "nothere"});
+    EXPECT_EQ(outcome.status, 1);
+    EXPECT_NE(outcome.err.find("no folder at"), std::string::npos) << outcome.err;
 
     outcome = qnicloud(device, {"account", "switch", "nobody"});
     EXPECT_EQ(outcome.status, 1);

@@ -18,5 +18,7 @@ using Run = std::function<void(Device& device)>;
 void addAccountCommands(CLI::App& app, Run* run);
 /// `status`.
 void addStatusCommand(CLI::App& app, Run* run);
+/// `ls [PATH] [-l] [-R] [--json]`.
+void addListCommand(CLI::App& app, Run* run);
 
 }  // namespace qnicloud

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "qn/DirectoryStore.h"
 #include "qn/MainQueue.h"
@@ -30,6 +31,11 @@ Device::Device(std::string directory, std::string container)
       container_(std::move(container)) {}
 
 Device::~Device() {
+    if (drive_ != nullptr) {
+        // What the command changed, and what the device found changed, reaches the store before
+        // the engine stops with the process.
+        drive_->waitUntilIdle(std::chrono::seconds(30));
+    }
     if (presenter_ != nullptr) {
         QNiCloudDocumentsPresenter::setDefaultPresenter(nullptr);
         const std::weak_ptr<QNiCloudDocumentsPresenter> gone = presenter_;
@@ -91,6 +97,8 @@ QNiCloudDocumentsPresenter& Device::presenter() {
     presenter_ = QNiCloudDocumentsPresenter::initWithContainerIdentifier(container_);
     QNiCloudDocumentsPresenter::setDefaultPresenter(presenter_);
     presenter_->setCacheUpdatesInterval(0.05);
+    // A command downloads what it is asked to and nothing else: no file has "/" as extension.
+    presenter_->setExtensionsAllowedForAutomaticDownload(std::set<std::string>{"/"});
     presenter_->registerForFileChangesNotifications();
     if (!qn::MainQueue::runUntil([&] { return presenter_->cacheInitialized(); }, kPatience)) {
         throw CommandError("the container's listing did not arrive in time");

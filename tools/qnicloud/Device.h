@@ -3,7 +3,7 @@
 // The drive device a `qnicloud` command works on: its directory, the store it was signed in
 // with, the drive service, and (for the commands that need it) the library's presenter over the
 // container's Documents folder. One command, one process: the device's engine runs while the
-// command does. Main thread only.
+// command does, and until it has synced what it knows of. Main thread only.
 
 #include <memory>
 #include <optional>

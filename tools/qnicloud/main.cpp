@@ -27,6 +27,7 @@ int main(int argc, char** argv) {
     qnicloud::Run run;
     qnicloud::addAccountCommands(app, &run);
     qnicloud::addStatusCommand(app, &run);
+    qnicloud::addListCommand(app, &run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

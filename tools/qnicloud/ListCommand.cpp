@@ -1,0 +1,132 @@
+// `qnicloud ls`: the items of a folder as the library's cache knows them, with their state.
+
+#include <fmt/core.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "QNiCloud/QNiCloudMetadataItem.h"
+
+namespace qnicloud {
+namespace {
+
+struct Row {
+    std::string path;  // relative to the folder listed
+    bool isDirectory = false;
+    std::string state;
+    std::uint64_t size = 0;
+    std::string date;
+};
+
+// What a person needs to know of an item first: in conflict, moving, here or only in the cloud.
+std::string stateOf(const QNiCloudMetadataItem* item, bool isDirectory) {
+    if (isDirectory) {
+        return "folder";
+    }
+    if (item == nullptr) {
+        return "local only";
+    }
+    if (item->hasUnresolvedConflicts()) {
+        return "conflict";
+    }
+    if (item->isDownloading()) {
+        return fmt::format("downloading {:.0f} %", item->percentDownloaded());
+    }
+    if (item->isUploading()) {
+        return fmt::format("uploading {:.0f} %", item->percentUploaded());
+    }
+    return item->isDownloaded() ? "downloaded" : "cloud only";
+}
+
+std::string json(const std::string& text) {
+    std::string quoted = "\"";
+    for (const char c : text) {
+        if (c == '"' || c == '\\') {
+            quoted += '\\';
+            quoted += c;
+        } else if (static_cast<unsigned char>(c) < 0x20) {
+            quoted += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
+        } else {
+            quoted += c;
+        }
+    }
+    return quoted + "\"";
+}
+
+}  // namespace
+
+void addListCommand(CLI::App& app, Run* run) {
+    auto* ls = app.add_subcommand("ls", "List a folder with each item's state");
+    auto path = std::make_shared<std::string>();
+    auto longForm = std::make_shared<bool>(false);
+    auto recursive = std::make_shared<bool>(false);
+    auto asJson = std::make_shared<bool>(false);
+    ls->add_option("PATH", *path, "A folder, relative to Documents or absolute");
+    ls->add_flag("-l", *longForm, "Sizes and dates too");
+    ls->add_flag("-R", *recursive, "Everything below the folder");
+    ls->add_flag("--json", *asJson, "One JSON array, for scripts");
+    ls->callback([=] {
+        *run = [=](Device& device) {
+            auto& presenter = device.presenter();
+            const std::string documents = presenter.documentsDirectoryURL().path();
+            const std::string folder = path->empty()          ? documents
+                                       : path->front() == '/' ? *path
+                                                              : documents + "/" + *path;
+            bool isDirectory = false;
+            if (!presenter.itemExistsAtPath(folder, &isDirectory) || !isDirectory) {
+                throw CommandError(fmt::format("no folder at {}", folder));
+            }
+            std::vector<std::string> names;
+            if (*recursive) {
+                names = presenter.subpathsOfDirectoryAtPath(folder).value_or(names);
+            } else {
+                names = presenter.contentsOfDirectoryAtPath(folder).value_or(names);
+            }
+            std::sort(names.begin(), names.end());
+            std::vector<Row> rows;
+            for (const auto& name : names) {
+                Row row;
+                row.path = name;
+                const std::string itemPath = folder + "/" + name;
+                presenter.itemExistsAtPath(itemPath, &row.isDirectory);
+                const auto item = presenter.metadataItemForPath(itemPath);
+                row.state = stateOf(item.get(), row.isDirectory);
+                if (item != nullptr) {
+                    row.size = item->contentSize();
+                    if (const auto& date = item->fsContentChangeDate()) {
+                        row.date = date->description();
+                    }
+                }
+                rows.push_back(std::move(row));
+            }
+            if (*asJson) {
+                fmt::print("[");
+                for (std::size_t i = 0; i < rows.size(); ++i) {
+                    const Row& row = rows[i];
+                    fmt::print(
+                        "{}{{\"path\": {}, \"folder\": {}, \"state\": {}, \"size\": {}, "
+                        "\"date\": {}}}",
+                        i == 0 ? "" : ", ", json(row.path), row.isDirectory ? "true" : "false",
+                        json(row.state), row.size, json(row.date));
+                }
+                fmt::print("]\n");
+                return;
+            }
+            for (const Row& row : rows) {
+                const std::string name = row.path + (row.isDirectory ? "/" : "");
+                if (*longForm) {
+                    fmt::print("{:<16} {:>12} {:<25} {}\n", row.state,
+                               row.isDirectory ? std::string("-") : std::to_string(row.size),
+                               row.date, name);
+                } else {
+                    fmt::print("{:<16} {}\n", row.state, name);
+                }
+            }
+        };
+    });
+}
+
+}  // namespace qnicloud
