@@ -34,6 +34,13 @@ Error serviceError(std::int64_t code, const URL& url, std::string reason) {
                   {NSLocalizedFailureReasonErrorKey, std::move(reason)}});
 }
 
+// The error of a request that names no item of the signed-in account's containers.
+Error unavailableError(const URL& url, bool signedIn) {
+    return serviceError(NSUbiquitousFileUnavailableError, url,
+                        signedIn ? "The item does not lie inside a container."
+                                 : "No account is signed in to the drive.");
+}
+
 // A name safe as one file name for any account.
 std::string fileNameOfAccount(std::string_view account) {
     std::string name;
@@ -285,9 +292,7 @@ bool DriveEngine::startDownloading(const URL& url, Error* error) {
     const auto path = storePathOf(url);
     std::lock_guard lock(mutex_);
     if (!account_ || !path) {
-        setError(error, serviceError(NSUbiquitousFileUnavailableError, url,
-                                     !account_ ? "No account is signed in to the drive."
-                                               : "The item does not lie inside a container."));
+        setError(error, unavailableError(url, account_.has_value()));
         return false;
     }
     const auto found = views_.find(*path);
@@ -331,9 +336,7 @@ bool DriveEngine::evict(const URL& url, Error* error) {
     std::lock_guard accountLock(accountMutex_);
     std::unique_lock lock(mutex_);
     if (!account_ || !path) {
-        setError(error, serviceError(NSUbiquitousFileUnavailableError, url,
-                                     !account_ ? "No account is signed in to the drive."
-                                               : "The item does not lie inside a container."));
+        setError(error, unavailableError(url, account_.has_value()));
         return false;
     }
     const auto found = views_.find(*path);
@@ -438,8 +441,7 @@ bool DriveEngine::setVersionResolved(const URL& url, std::string_view identifier
     const auto path = storePathOf(url);
     const auto account = this->account();
     if (!path || !account) {
-        setError(error, serviceError(NSUbiquitousFileUnavailableError, url,
-                                     "The item does not lie inside a container of the drive."));
+        setError(error, unavailableError(url, account.has_value()));
         return false;
     }
     Error failed;
@@ -456,8 +458,7 @@ bool DriveEngine::removeVersion(const URL& url, std::string_view identifier, Err
     const auto path = storePathOf(url);
     const auto account = this->account();
     if (!path || !account) {
-        setError(error, serviceError(NSUbiquitousFileUnavailableError, url,
-                                     "The item does not lie inside a container of the drive."));
+        setError(error, unavailableError(url, account.has_value()));
         return false;
     }
     Error failed;
