@@ -63,6 +63,9 @@ public:
         std::string deviceName;
         /// How often the store is asked for changes while nothing else wakes the engine.
         std::chrono::milliseconds pollInterval{200};
+        /// Starts with sync paused (see `setSyncPaused`): the device works offline from the
+        /// first moment.
+        bool syncPaused = false;
     };
 
     /// Opens the device, taking its lock, and starts its engine; null with the error when

@@ -15,6 +15,11 @@
 
 namespace qn {
 
+/// The start of the hidden names under which the file manager stages an item on its way in or
+/// out of a folder (written whole, then renamed). Whatever watches folders (the drive) leaves
+/// such names alone: they are gone, or renamed, a moment later.
+inline constexpr std::string_view kStagingNamePrefix = ".qn-";
+
 /// What the file manager needs to know of an item: a `struct stat` plus the birth time, which
 /// only statx reports (and only on file systems that record it).
 struct ItemStatus {

@@ -56,7 +56,7 @@ int temporarySibling(const std::string& directory, std::string* path) {
         struct timespec now {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
         *path = joinPath(
-            directory, fmt::format(".qn-{}-{}-{}", ::getpid(), counter.fetch_add(1), now.tv_nsec));
+            directory, fmt::format("{}{}-{}-{}", kStagingNamePrefix, ::getpid(), counter.fetch_add(1), now.tv_nsec));
         ItemStatus existing;
         if (const int result = statusOfItem(*path, false, &existing); result != 0) {
             return result == ENOENT ? 0 : result;

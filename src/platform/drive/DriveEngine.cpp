@@ -109,6 +109,10 @@ bool DriveEngine::start(std::weak_ptr<Object> owner, Error* error) {
             return false;
         }
     }
+    {
+        std::lock_guard lock(mutex_);
+        paused_ = options_.syncPaused;
+    }
     thread_ = std::thread([this] { run(); });
     return true;
 }
@@ -626,10 +630,16 @@ void DriveEngine::setPaused(bool paused) {
     wake();
 }
 
+bool DriveEngine::stopping() const {
+    std::lock_guard lock(mutex_);
+    return stopping_;
+}
+
 bool DriveEngine::waitUntilIdle(std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
     // Two whole passes after the call began: the first may have started before it.
     const std::uint64_t target = passes_ + 2;
+    passesWanted_ = std::max(passesWanted_, target);  // run back to back, not a poll apart
     woken_ = true;
     const std::uint64_t one = 1;
     [[maybe_unused]] const auto written = ::write(wakeFd_, &one, sizeof one);
@@ -665,7 +675,7 @@ void DriveEngine::run() {
             std::lock_guard lock(mutex_);
             ++passes_;
             changed_.notify_all();
-            if (woken_ || stopping_) {
+            if (woken_ || stopping_ || passes_ < passesWanted_) {
                 continue;
             }
         }

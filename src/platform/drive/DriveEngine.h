@@ -103,6 +103,7 @@ private:
     void run();
     void pass();
     void deliverFeeds();
+    bool stopping() const;
 
     // One pass (DriveSync.cpp), with `accountMutex_` held.
     void applyRemoteChanges();
@@ -159,6 +160,7 @@ private:
     bool stopping_ = false;
     bool busy_ = false;  // work is known to be left (a failed transfer to retry, a wake)
     std::uint64_t passes_ = 0;
+    std::uint64_t passesWanted_ = 0;  // passes a waiter for idleness wants made without delay
     std::optional<bool> reachable_;
     std::thread::id engineThread_;
 

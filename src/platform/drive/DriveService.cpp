@@ -23,12 +23,18 @@ std::shared_ptr<DriveService> DriveService::open(Options options, Error* error) 
     if (options.deviceDirectory.empty() || options.store == nullptr) {
         return refuse("A drive device needs a device directory and a store.");
     }
+    // Kept absolute: the engine's paths are compared with the absolute ones of the URLs it is
+    // asked about, and a later change of working directory must not move the device.
+    std::error_code made;
+    options.deviceDirectory = std::filesystem::absolute(options.deviceDirectory, made).string();
+    if (!options.driveDirectory.empty()) {
+        options.driveDirectory = std::filesystem::absolute(options.driveDirectory, made).string();
+    }
     if (options.deviceName.empty()) {
         char host[256] = {};
         ::gethostname(host, sizeof host - 1);
         options.deviceName = host[0] != '\0' ? host : "device";
     }
-    std::error_code made;
     std::filesystem::create_directories(options.deviceDirectory, made);
     const std::string lockPath = options.deviceDirectory + "/engine.lock";
     const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);

@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <random>
 
+#include "../FileSystemCalls.h"
 #include "DriveEngine.h"
 #include "qn/Logger.h"
 
@@ -378,6 +379,9 @@ void DriveEngine::scanFolder(const std::string& storeFolder, bool recursive,
             ::unlink((local + "/" + std::string(name)).c_str());
             continue;
         }
+        if (name.starts_with(kStagingNamePrefix)) {
+            continue;  // another writer's item on its way in: its rename is what counts
+        }
         std::string path;
         if (storeFolder.empty()) {
             const auto container = containerOfFolder(name);
@@ -550,7 +554,7 @@ void DriveEngine::upload(const std::string& path) {
             changedPaths_.insert(path);
         }
         deliverFeeds();
-        return true;
+        return !stopping();  // a stopping engine sends the rest next time
     };
     Error error;
     const auto item = options_.store->upload(*account_, path, fd, condition, dateOf(identity),
@@ -805,7 +809,9 @@ bool DriveEngine::download(const std::string& path) {
             changedPaths_.insert(path);
         }
         deliverFeeds();
-        return true;
+        // A stopping engine abandons the download, as it forgets the ones not started: the host
+        // asks again when it wants the file.
+        return !stopping();
     };
     Error error;
     bool fetched = options_.store->download(*account_, path, revision, fd, progress, &error);
