@@ -55,8 +55,8 @@ int temporarySibling(const std::string& directory, std::string* path) {
     for (;;) {
         struct timespec now {};
         ::clock_gettime(CLOCK_MONOTONIC, &now);
-        *path = joinPath(
-            directory, fmt::format("{}{}-{}-{}", kStagingNamePrefix, ::getpid(), counter.fetch_add(1), now.tv_nsec));
+        *path = joinPath(directory, fmt::format("{}{}-{}-{}", kStagingNamePrefix, ::getpid(),
+                                                counter.fetch_add(1), now.tv_nsec));
         ItemStatus existing;
         if (const int result = statusOfItem(*path, false, &existing); result != 0) {
             return result == ENOENT ? 0 : result;
