@@ -20,5 +20,15 @@ void addAccountCommands(CLI::App& app, Run* run);
 void addStatusCommand(CLI::App& app, Run* run);
 /// `ls [PATH] [-l] [-R] [--json]`.
 void addListCommand(CLI::App& app, Run* run);
+/// `monitor`.
+void addMonitorCommand(CLI::App& app, Run* run);
+/// `download PATH... [--max N]`.
+void addDownloadCommand(CLI::App& app, Run* run);
+/// `versions PATH`, `resolve PATH (--keep-latest | --save-all DIR)`.
+void addConflictCommands(CLI::App& app, Run* run);
+/// `mkdir`, `write`, `cat`, `cp`, `mv`, `rm`, `evict`.
+void addFileCommands(CLI::App& app, Run* run);
+/// `demo`: runs this program as two devices of a store made for the purpose.
+void addDemoCommand(CLI::App& app, Run* run);
 
 }  // namespace qnicloud

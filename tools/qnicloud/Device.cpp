@@ -4,18 +4,23 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
+#include "Interruption.h"
 #include "qn/DirectoryStore.h"
 #include "qn/MainQueue.h"
+#include "qn/PathString.h"
 #include "qn/util/ContainerHelpers.h"
 
 namespace qnicloud {
 namespace {
 
 constexpr auto kPatience = std::chrono::seconds(60);
+constexpr auto kCatchUp = std::chrono::seconds(10);
 
 std::string defaultDirectory() {
     if (const char* set = std::getenv("QNICLOUD_DEVICE"); set != nullptr && *set != '\0') {
@@ -26,15 +31,20 @@ std::string defaultDirectory() {
 
 }  // namespace
 
-Device::Device(std::string directory, std::string container)
-    : directory_(directory.empty() ? defaultDirectory() : std::move(directory)),
-      container_(std::move(container)) {}
+Device::Device(Options options)
+    : directory_(options.directory.empty() ? defaultDirectory() : std::move(options.directory)),
+      container_(std::move(options.container)),
+      name_(std::move(options.name)),
+      offline_(options.offline) {}
 
 Device::~Device() {
-    if (drive_ != nullptr) {
+    if (drive_ != nullptr && !hurry_ && !offline_ && reachable()) {
         // What the command changed, and what the device found changed, reaches the store before
-        // the engine stops with the process.
-        drive_->waitUntilIdle(std::chrono::seconds(30));
+        // the engine stops with the process, unless Ctrl-C says not to wait.
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!drive_->waitUntilIdle(std::chrono::milliseconds(100)) &&
+               !Interruption::requested() && std::chrono::steady_clock::now() < end) {
+        }
     }
     if (presenter_ != nullptr) {
         QNiCloudDocumentsPresenter::setDefaultPresenter(nullptr);
@@ -70,8 +80,18 @@ qn::DriveService& Device::open(const std::string& store) {
             "DIR`",
             directory_));
     }
+    const std::string nameFile = directory_ + "/device-name";
+    if (name_.empty()) {
+        std::ifstream file(nameFile);
+        std::getline(file, name_);
+    } else {
+        std::filesystem::create_directories(directory_);
+        std::ofstream(nameFile) << name_ << "\n";
+    }
     qn::DriveService::Options options;
     options.deviceDirectory = directory_;
+    options.deviceName = name_;
+    options.syncPaused = offline_;
     options.store = qn::DirectoryStore::open(path);
     qn::Error error;
     drive_ = qn::DriveService::open(options, &error);
@@ -94,6 +114,10 @@ QNiCloudDocumentsPresenter& Device::presenter() {
     if (!drive().account()) {
         throw CommandError("no account is signed in on this device");
     }
+    if (!offline_ && reachable()) {
+        // A command shows and changes what the store has now, not what the device last saw.
+        drive().waitUntilIdle(kCatchUp);
+    }
     presenter_ = QNiCloudDocumentsPresenter::initWithContainerIdentifier(container_);
     QNiCloudDocumentsPresenter::setDefaultPresenter(presenter_);
     presenter_->setCacheUpdatesInterval(0.05);
@@ -104,6 +128,56 @@ QNiCloudDocumentsPresenter& Device::presenter() {
         throw CommandError("the container's listing did not arrive in time");
     }
     return *presenter_;
+}
+
+bool Device::reachable() {
+    return drive().isNetworkReachable().value_or(false);
+}
+
+std::string Device::resolve(const std::string& path) {
+    const std::string documents = presenter().documentsDirectoryURL().path();
+    const std::string absolute =
+        qn::stringByStandardizingPath(path.starts_with('/') ? path : documents + "/" + path);
+    if (!isInDocuments(absolute)) {
+        throw CommandError(
+            fmt::format("{} is outside the container's Documents folder ({})", path, documents));
+    }
+    return absolute;
+}
+
+bool Device::isInDocuments(const std::string& path) {
+    const std::string documents = presenter().documentsDirectoryURL().path();
+    return path == documents || path.starts_with(documents + "/");
+}
+
+std::string Device::shown(const std::string& path) {
+    const std::string documents = presenter().documentsDirectoryURL().path();
+    return path == documents ? "." : path.substr(documents.size() + 1);
+}
+
+void Device::perform(const std::function<void()>& work) {
+    std::exception_ptr failure;
+    bool done = false;
+    std::mutex mutex;
+    std::thread worker([&] {
+        try {
+            work();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+        std::lock_guard lock(mutex);
+        done = true;
+    });
+    qn::MainQueue::runUntil(
+        [&] {
+            std::lock_guard lock(mutex);
+            return done;
+        },
+        std::chrono::hours(24 * 365));
+    worker.join();
+    if (failure) {
+        std::rethrow_exception(failure);
+    }
 }
 
 }  // namespace qnicloud

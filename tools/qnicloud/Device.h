@@ -5,6 +5,7 @@
 // container's Documents folder. One command, one process: the device's engine runs while the
 // command does, and until it has synced what it knows of. Main thread only.
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -15,16 +16,31 @@
 
 namespace qnicloud {
 
-/// A failure to report: one line on standard error and exit status 1.
+/// A failure to report: one line on standard error and the exit status (1 unless said).
 class CommandError : public std::runtime_error {
 public:
-    using std::runtime_error::runtime_error;
+    explicit CommandError(const std::string& what, int status = 1)
+        : std::runtime_error(what), status_(status) {}
+    int status() const { return status_; }
+
+private:
+    int status_;
 };
 
 class Device {
 public:
-    /// `directory`: "" for $QNICLOUD_DEVICE, else <user data>/QNiCloud/device.
-    Device(std::string directory, std::string container);
+    struct Options {
+        /// "" for $QNICLOUD_DEVICE, else <user data>/QNiCloud/device.
+        std::string directory;
+        std::string container = "iCloud.com.qnicloud.Documents";
+        /// Written beside the revisions the device makes, and remembered; "" for the name
+        /// remembered, else the host's name.
+        std::string name;
+        /// The engine neither sends nor fetches anything while the command runs.
+        bool offline = false;
+    };
+
+    explicit Device(Options options);
     ~Device();
 
     const std::string& directory() const { return directory_; }
@@ -42,11 +58,32 @@ public:
     /// account is signed in or the cache does not fill in time.
     QNiCloudDocumentsPresenter& presenter();
 
+    /// The absolute path of `path`, given relative to the container's Documents folder or
+    /// absolute; throws when it lies outside that folder.
+    std::string resolve(const std::string& path);
+    /// Whether the store answers: only then is there anything to wait for.
+    bool reachable();
+    /// Whether the absolute `path` is the Documents folder or lies below it.
+    bool isInDocuments(const std::string& path);
+    /// `path`, in the Documents folder, as the user sees it: relative to that folder.
+    std::string shown(const std::string& path);
+
+    /// Runs `work` on a thread of its own while the main thread delivers what the library posts
+    /// (coordinated operations must not run on the main thread); rethrows what it throws.
+    void perform(const std::function<void()>& work);
+
+    /// Stop at once when the command ends: Ctrl-C was pressed. What is under way is abandoned,
+    /// not waited for.
+    void hurry() { hurry_ = true; }
+
 private:
     std::string directory_;
     std::string container_;
+    std::string name_;
+    bool offline_ = false;
     std::shared_ptr<qn::DriveService> drive_;
     std::shared_ptr<QNiCloudDocumentsPresenter> presenter_;
+    bool hurry_ = false;
 };
 
 }  // namespace qnicloud

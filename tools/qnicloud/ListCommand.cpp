@@ -4,11 +4,14 @@
 
 #include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Commands.h"
+#include "Format.h"
 #include "QNiCloud/QNiCloudMetadataItem.h"
+#include "qn/PathString.h"
 
 namespace qnicloud {
 namespace {
@@ -18,7 +21,7 @@ struct Row {
     bool isDirectory = false;
     std::string state;
     std::uint64_t size = 0;
-    std::string date;
+    std::optional<qn::Date> date;
 };
 
 // What a person needs to know of an item first: in conflict, moving, here or only in the cloud.
@@ -41,25 +44,10 @@ std::string stateOf(const QNiCloudMetadataItem* item, bool isDirectory) {
     return item->isDownloaded() ? "downloaded" : "cloud only";
 }
 
-std::string json(const std::string& text) {
-    std::string quoted = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
-            quoted += '\\';
-            quoted += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            quoted += fmt::format("\\u{:04x}", static_cast<unsigned>(c));
-        } else {
-            quoted += c;
-        }
-    }
-    return quoted + "\"";
-}
-
 }  // namespace
 
 void addListCommand(CLI::App& app, Run* run) {
-    auto* ls = app.add_subcommand("ls", "List a folder with each item's state");
+    auto* ls = app.add_subcommand("ls", "List a folder (or a file) with each item's state");
     auto path = std::make_shared<std::string>();
     auto longForm = std::make_shared<bool>(false);
     auto recursive = std::make_shared<bool>(false);
@@ -71,16 +59,16 @@ void addListCommand(CLI::App& app, Run* run) {
     ls->callback([=] {
         *run = [=](Device& device) {
             auto& presenter = device.presenter();
-            const std::string documents = presenter.documentsDirectoryURL().path();
-            const std::string folder = path->empty()          ? documents
-                                       : path->front() == '/' ? *path
-                                                              : documents + "/" + *path;
+            std::string folder = device.resolve(*path);
             bool isDirectory = false;
-            if (!presenter.itemExistsAtPath(folder, &isDirectory) || !isDirectory) {
-                throw CommandError(fmt::format("no folder at {}", folder));
+            if (!presenter.itemExistsAtPath(folder, &isDirectory)) {
+                throw CommandError(fmt::format("nothing at {}", *path));
             }
             std::vector<std::string> names;
-            if (*recursive) {
+            if (!isDirectory) {
+                names.push_back(qn::lastPathComponent(folder));
+                folder = qn::stringByDeletingLastPathComponent(folder);
+            } else if (*recursive) {
                 names = presenter.subpathsOfDirectoryAtPath(folder).value_or(names);
             } else {
                 names = presenter.contentsOfDirectoryAtPath(folder).value_or(names);
@@ -96,9 +84,7 @@ void addListCommand(CLI::App& app, Run* run) {
                 row.state = stateOf(item.get(), row.isDirectory);
                 if (item != nullptr) {
                     row.size = item->contentSize();
-                    if (const auto& date = item->fsContentChangeDate()) {
-                        row.date = date->description();
-                    }
+                    row.date = item->fsContentChangeDate();
                 }
                 rows.push_back(std::move(row));
             }
@@ -110,7 +96,8 @@ void addListCommand(CLI::App& app, Run* run) {
                         "{}{{\"path\": {}, \"folder\": {}, \"state\": {}, \"size\": {}, "
                         "\"date\": {}}}",
                         i == 0 ? "" : ", ", json(row.path), row.isDirectory ? "true" : "false",
-                        json(row.state), row.size, json(row.date));
+                        json(row.state), row.size,
+                        row.date ? json(row.date->description()) : std::string("null"));
                 }
                 fmt::print("]\n");
                 return;
@@ -118,9 +105,9 @@ void addListCommand(CLI::App& app, Run* run) {
             for (const Row& row : rows) {
                 const std::string name = row.path + (row.isDirectory ? "/" : "");
                 if (*longForm) {
-                    fmt::print("{:<16} {:>12} {:<25} {}\n", row.state,
-                               row.isDirectory ? std::string("-") : std::to_string(row.size),
-                               row.date, name);
+                    fmt::print("{:<16} {:>10}  {:<16}  {}\n", row.state,
+                               row.isDirectory ? std::string("-") : bytes(row.size),
+                               row.date ? localTime(*row.date) : std::string(), name);
                 } else {
                     fmt::print("{:<16} {}\n", row.state, name);
                 }

@@ -1,6 +1,7 @@
 // qnicloud: the command-line companion of the embedded cloud drive. Each command opens the
 // device (its engine runs while the command does), does its work through the library's public
-// API and exits 0, or prints one line on standard error and exits 1.
+// API and exits 0, or prints one line on standard error and exits non-zero (130 when Ctrl-C
+// stopped it).
 
 #include <fmt/core.h>
 
@@ -10,17 +11,22 @@
 
 #include "Commands.h"
 #include "Device.h"
+#include "Interruption.h"
 #include "qn/Logger.h"
 
 int main(int argc, char** argv) {
     CLI::App app("qnicloud: see and steer the documents of an embedded cloud drive", "qnicloud");
     app.require_subcommand(1);
-    std::string device;
-    std::string container = "iCloud.com.qnicloud.Documents";
-    app.add_option("--device", device,
+    qnicloud::Device::Options device;
+    app.add_option("--device", device.directory,
                    "The device's directory (default $QNICLOUD_DEVICE, else "
                    "~/.local/share/QNiCloud/device)");
-    app.add_option("--container", container, "The container")->capture_default_str();
+    app.add_option("--container", device.container, "The container")->capture_default_str();
+    app.add_option("--device-name", device.name,
+                   "The name written beside this device's revisions, remembered (default: the "
+                   "host's name)");
+    app.add_flag("--offline", device.offline,
+                 "Send and fetch nothing: changes wait for the next command without it");
     bool verbose = false;
     app.add_flag("-v,--verbose", verbose, "Show the library's log");
 
@@ -28,6 +34,11 @@ int main(int argc, char** argv) {
     qnicloud::addAccountCommands(app, &run);
     qnicloud::addStatusCommand(app, &run);
     qnicloud::addListCommand(app, &run);
+    qnicloud::addMonitorCommand(app, &run);
+    qnicloud::addDownloadCommand(app, &run);
+    qnicloud::addConflictCommands(app, &run);
+    qnicloud::addFileCommands(app, &run);
+    qnicloud::addDemoCommand(app, &run);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {
@@ -36,10 +47,16 @@ int main(int argc, char** argv) {
     if (!verbose) {
         qn::setLogSink([](const qn::LogRecord&) {});
     }
+    qnicloud::Interruption::install();
     try {
-        qnicloud::Device target(device, container);
+        qnicloud::Device target(device);
         run(target);
+    } catch (const qnicloud::CommandError& e) {
+        std::fflush(stdout);
+        fmt::print(stderr, "qnicloud: {}\n", e.what());
+        return e.status();
     } catch (const std::exception& e) {
+        std::fflush(stdout);
         fmt::print(stderr, "qnicloud: {}\n", e.what());
         return 1;
     }

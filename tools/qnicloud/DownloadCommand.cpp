@@ -1,0 +1,140 @@
+// `qnicloud download`: files and whole folders made local through the library's downloads
+// manager, a few at a time, with progress; Ctrl-C cancels what is left and abandons what is
+// under way, so that no file is ever left half-written.
+
+#include <fmt/core.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+#include "Format.h"
+#include "Interruption.h"
+#include "ProgressDisplay.h"
+#include "QNiCloud/QNiCloudBackgroundOperation.h"
+#include "QNiCloud/QNiCloudDownloadsManager.h"
+#include "QNiCloud/QNiCloudMetadataItem.h"
+#include "qn/MainQueue.h"
+
+namespace qnicloud {
+namespace {
+
+struct Wanted {
+    std::vector<qn::URL> urls;
+    std::uint64_t size = 0;
+    std::size_t alreadyHere = 0;
+};
+
+// The files named, and those below the folders named, that are not local yet.
+Wanted expand(Device& device, const std::vector<std::string>& given) {
+    auto& presenter = device.presenter();
+    Wanted wanted;
+    for (const auto& name : given) {
+        const std::string path = device.resolve(name);
+        bool isDirectory = false;
+        if (!presenter.itemExistsAtPath(path, &isDirectory)) {
+            throw CommandError(fmt::format("nothing at {}", name));
+        }
+        std::vector<std::string> files{path};
+        if (isDirectory) {
+            files.clear();
+            for (const auto& below : presenter.subpathsOfDirectoryAtPath(path).value_or(files)) {
+                files.push_back(path + "/" + below);
+            }
+        }
+        for (const auto& file : files) {
+            const auto item = presenter.metadataItemForPath(file);
+            if (item == nullptr ||
+                (presenter.itemExistsAtPath(file, &isDirectory) && isDirectory)) {
+                continue;
+            }
+            if (item->isDownloaded()) {
+                ++wanted.alreadyHere;
+            } else {
+                wanted.urls.push_back(qn::URL::fileURLWithPath(file));
+                wanted.size += item->contentSize();
+            }
+        }
+    }
+    return wanted;
+}
+
+}  // namespace
+
+void addDownloadCommand(CLI::App& app, Run* run) {
+    auto* download = app.add_subcommand(
+        "download", "Download files and folders (everything in them), with progress");
+    auto paths = std::make_shared<std::vector<std::string>>();
+    auto max = std::make_shared<std::uint64_t>(0);
+    download->add_option("PATH", *paths, "Files and folders")->required();
+    download
+        ->add_option("--max", *max, "How many files download at once (the library's default: 3)")
+        ->check(CLI::Range(1, 64));
+    download->callback([=] {
+        *run = [=](Device& device) {
+            const Wanted wanted = expand(device, *paths);
+            if (wanted.urls.empty()) {
+                fmt::print("nothing to download: {} file{} already here\n", wanted.alreadyHere,
+                           wanted.alreadyHere == 1 ? " is" : "s are");
+                return;
+            }
+            const auto& manager = QNiCloudDownloadsManager::sharedManager();
+            if (*max != 0) {
+                manager->setMaxSimultaneousFileDownloadsCount(*max);
+            }
+            ProgressDisplay display(wanted.urls.size(), wanted.size);
+            std::size_t downloaded = 0;
+            std::vector<std::string> failures;
+            const auto name = [&](const qn::URL& url) { return device.shown(url.path()); };
+            const auto token = QNiCloudBackgroundOperation::operation();
+            // One request per file, all with the same token: a failure then names its file.
+            for (const auto& url : wanted.urls) {
+                const auto accepted = manager->downloadItemsAtURLs(
+                    {url}, token, 0,
+                    [&](const QNBackgroundOperationPointer&, const qn::URL& file,
+                        std::uint64_t size, std::uint64_t done, std::uint64_t,
+                        double) { display.progress(name(file), size, done); },
+                    [&](const QNBackgroundOperationPointer&, const qn::URL& file,
+                        std::uint64_t size, std::uint64_t) {
+                        ++downloaded;
+                        display.finished(name(file), size);
+                    },
+                    nullptr, nullptr,
+                    [&, url](const QNBackgroundOperationPointer&, const qn::Error& error) {
+                        failures.push_back(error.localizedDescription());
+                        display.failed(name(url), error.localizedDescription());
+                    });
+                if (accepted == nullptr) {
+                    token->cancel();
+                    display.close("nothing more is asked for");
+                    throw CommandError(fmt::format("cannot download: {}", failures.empty()
+                                                                              ? "the store is away"
+                                                                              : failures.back()));
+                }
+            }
+            qn::MainQueue::runUntil(
+                [&] {
+                    return Interruption::requested() ||
+                           downloaded + failures.size() >= wanted.urls.size();
+                },
+                std::chrono::hours(24 * 365));
+            if (Interruption::requested()) {
+                token->cancel();
+                device.hurry();
+                display.close(fmt::format("interrupted: {} of {} files downloaded", downloaded,
+                                          wanted.urls.size()));
+                throw CommandError("interrupted; what was under way stays in the cloud", 130);
+            }
+            display.close(fmt::format("{} of {} files downloaded, {}", downloaded,
+                                      wanted.urls.size(), bytes(wanted.size)));
+            if (!failures.empty()) {
+                throw CommandError(fmt::format("{} file{} could not be downloaded", failures.size(),
+                                               failures.size() == 1 ? "" : "s"));
+            }
+        };
+    });
+}
+
+}  // namespace qnicloud
