@@ -28,10 +28,9 @@ void addAccountCommands(CLI::App& app, Run* run) {
     auto* account = app.add_subcommand("account", "The device's account")->require_subcommand(1);
     auto name = std::make_shared<std::string>();
     auto storeDirectory = std::make_shared<std::string>();
-    auto* signIn = account->add_subcommand(
-        "sign-in", "Sign the device in (the store gets the account when it lacks it)");
+    auto* signIn = account->add_subcommand("sign-in", "Sign in (adding the account to the store)");
     signIn->add_option("NAME", *name, "The account")->required();
-    signIn->add_option("--store", *storeDirectory, "The store (the device's last one if left out)");
+    signIn->add_option("--store", *storeDirectory, "The store (default: the last one)");
     signIn->callback([run, name, storeDirectory] {
         *run = [name, storeDirectory](Device& device) {
             auto& drive = device.open(*storeDirectory);
@@ -46,7 +45,7 @@ void addAccountCommands(CLI::App& app, Run* run) {
             fmt::print("signed in as {}\n", *name);
         };
     });
-    auto* switchTo = account->add_subcommand("switch", "Sign in to another account of the store");
+    auto* switchTo = account->add_subcommand("switch", "Sign in to another account");
     switchTo->add_option("NAME", *name, "The account")->required();
     switchTo->callback([run, name] {
         *run = [name](Device& device) {
@@ -57,13 +56,12 @@ void addAccountCommands(CLI::App& app, Run* run) {
             fmt::print("signed in as {}\n", *name);
         };
     });
-    account->add_subcommand("sign-out", "Sign the device out; its documents are kept aside")
-        ->callback([run] {
-            *run = [](Device& device) {
-                device.drive().signOut();
-                fmt::print("signed out\n");
-            };
-        });
+    account->add_subcommand("sign-out", "Sign out; the documents are kept aside")->callback([run] {
+        *run = [](Device& device) {
+            device.drive().signOut();
+            fmt::print("signed out\n");
+        };
+    });
 }
 
 }  // namespace qnicloud

@@ -53,8 +53,7 @@ std::string describe(const qn::FileVersion& version) {
 }  // namespace
 
 void addConflictCommands(CLI::App& app, Run* run) {
-    auto* versions =
-        app.add_subcommand("versions", "A document's current version and those in conflict");
+    auto* versions = app.add_subcommand("versions", "A document's versions in conflict");
     auto file = std::make_shared<std::string>();
     versions->add_option("PATH", *file, "The document")->required();
     versions->callback([=] {
@@ -82,12 +81,9 @@ void addConflictCommands(CLI::App& app, Run* run) {
     auto keepLatest = std::make_shared<bool>(false);
     auto saveTo = std::make_shared<std::string>();
     resolve->add_option("PATH", *file, "The document")->required();
-    auto* keep = resolve->add_flag(
-        "--keep-latest", *keepLatest,
-        "The most recently saved version becomes the document; the others are dropped");
-    auto* save = resolve->add_option("--save-all", *saveTo,
-                                     "Save every version in conflict as a copy in DIR (relative to "
-                                     "Documents or absolute); the document stays as it is");
+    auto* keep =
+        resolve->add_flag("--keep-latest", *keepLatest, "The latest version becomes the document");
+    auto* save = resolve->add_option("--save-all", *saveTo, "Save each version in conflict to DIR");
     save->type_name("DIR");
     keep->excludes(save);
     resolve->callback([=] {

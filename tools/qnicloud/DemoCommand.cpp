@@ -170,10 +170,7 @@ void runDemo(const std::string& program, bool keep) {
 }  // namespace
 
 void addDemoCommand(CLI::App& app, Run* run) {
-    auto* demo = app.add_subcommand(
-        "demo",
-        "Two devices of one store in a temporary directory: documents travel, download "
-        "with progress, and a conflict is made and resolved");
+    auto* demo = app.add_subcommand("demo", "Two devices of one store, shown at work");
     auto keep = std::make_shared<bool>(false);
     demo->add_flag("--keep", *keep, "Keep the demo's directory to look around afterwards");
     demo->callback([run, keep] {

@@ -64,14 +64,11 @@ Wanted expand(Device& device, const std::vector<std::string>& given) {
 }  // namespace
 
 void addDownloadCommand(CLI::App& app, Run* run) {
-    auto* download = app.add_subcommand(
-        "download", "Download files and folders (everything in them), with progress");
+    auto* download = app.add_subcommand("download", "Download files and folders, with progress");
     auto paths = std::make_shared<std::vector<std::string>>();
     auto max = std::make_shared<std::uint64_t>(0);
     download->add_option("PATH", *paths, "Files and folders")->required();
-    download
-        ->add_option("--max", *max, "How many files download at once (the library's default: 3)")
-        ->check(CLI::Range(1, 64));
+    download->add_option("--max", *max, "Files at once (default 3)")->check(CLI::Range(1, 64));
     download->callback([=] {
         *run = [=](Device& device) {
             const Wanted wanted = expand(device, *paths);

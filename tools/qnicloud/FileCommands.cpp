@@ -54,8 +54,7 @@ std::string destination(Device& device, const Item& source, const std::string& g
 
 void transfer(CLI::App& app, Run* run, const char* name, bool move) {
     auto* command =
-        app.add_subcommand(name, move ? "Move or rename an item (into a folder that exists)"
-                                      : "Copy an item, folders whole (into a folder that exists)");
+        app.add_subcommand(name, move ? "Move or rename an item" : "Copy an item, folders whole");
     auto from = std::make_shared<std::string>();
     auto to = std::make_shared<std::string>();
     command->add_option("SOURCE", *from, "What to " + std::string(name))->required();
@@ -116,8 +115,7 @@ void addFileCommands(CLI::App& app, Run* run) {
         };
     });
 
-    auto* write = app.add_subcommand(
-        "write", "Write a file from TEXT or standard input, replacing it whole if it exists");
+    auto* write = app.add_subcommand("write", "Write a file from TEXT or standard input");
     auto file = std::make_shared<std::string>();
     auto text = std::make_shared<std::string>();
     write->add_option("PATH", *file, "The file")->required();
@@ -143,7 +141,7 @@ void addFileCommands(CLI::App& app, Run* run) {
         };
     });
 
-    auto* cat = app.add_subcommand("cat", "Print files (downloaded ones) to standard output");
+    auto* cat = app.add_subcommand("cat", "Print downloaded files");
     auto files = std::make_shared<std::vector<std::string>>();
     cat->add_option("PATH", *files, "The files")->required();
     cat->callback([=] {
@@ -216,10 +214,7 @@ void addFileCommands(CLI::App& app, Run* run) {
         };
     });
 
-    auto* evict = app.add_subcommand(
-        "evict",
-        "Remove the local copies of files (of folders: of every file in them); the "
-        "documents stay in the cloud");
+    auto* evict = app.add_subcommand("evict", "Drop local copies; they stay in the cloud");
     auto evicted = std::make_shared<std::vector<std::string>>();
     evict->add_option("PATH", *evicted, "Files and folders")->required();
     evict->callback([=] {

@@ -47,7 +47,7 @@ std::string stateOf(const QNiCloudMetadataItem* item, bool isDirectory) {
 }  // namespace
 
 void addListCommand(CLI::App& app, Run* run) {
-    auto* ls = app.add_subcommand("ls", "List a folder (or a file) with each item's state");
+    auto* ls = app.add_subcommand("ls", "List a folder or file with each item's state");
     auto path = std::make_shared<std::string>();
     auto longForm = std::make_shared<bool>(false);
     auto recursive = std::make_shared<bool>(false);

@@ -80,8 +80,7 @@ std::string change(std::int64_t type, const QNiCloudMetadataItem* item) {
 }  // namespace
 
 void addMonitorCommand(CLI::App& app, Run* run) {
-    app.add_subcommand("monitor",
-                       "Show every notification the library posts, as it comes, until Ctrl-C")
+    app.add_subcommand("monitor", "Print each notification as it comes, to Ctrl-C")
         ->callback([run] {
             *run = [](Device& device) {
                 // Shown relative to Documents when the presenter exists, as given before.

@@ -17,16 +17,15 @@
 int main(int argc, char** argv) {
     CLI::App app("qnicloud: see and steer the documents of an embedded cloud drive", "qnicloud");
     app.require_subcommand(1);
+    app.footer(
+        "The device's directory defaults to $QNICLOUD_DEVICE, else\n"
+        "~/.local/share/QNiCloud/device. Paths name items relative to the container's\n"
+        "Documents folder, or absolutely within it. `qnicloud COMMAND --help` says more.");
     qnicloud::Device::Options device;
-    app.add_option("--device", device.directory,
-                   "The device's directory (default $QNICLOUD_DEVICE, else "
-                   "~/.local/share/QNiCloud/device)");
+    app.add_option("--device", device.directory, "The device's directory (see below)");
     app.add_option("--container", device.container, "The container")->capture_default_str();
-    app.add_option("--device-name", device.name,
-                   "The name written beside this device's revisions, remembered (default: the "
-                   "host's name)");
-    app.add_flag("--offline", device.offline,
-                 "Send and fetch nothing: changes wait for the next command without it");
+    app.add_option("--device-name", device.name, "Its name beside its revisions; remembered");
+    app.add_flag("--offline", device.offline, "Send and fetch nothing this time");
     bool verbose = false;
     app.add_flag("-v,--verbose", verbose, "Show the library's log");
 
