@@ -4,6 +4,7 @@
 # print what the library computes, and nothing may come from the source or build tree: the
 # consumer is copied out of the sources, package searches are limited to the prefix, and the
 # shared programs must load the prefix's library.
+# Last, the Debian package is made and its contents and dependencies checked.
 # Usage: consumer-test.sh BUILD_DIR CONSUMER_DIR CMAKE GENERATOR MAKE_PROGRAM CXX
 set -euo pipefail
 build=$1 consumer=$2 cmake=$3 generator=$4 make_program=$5 cxx=$6
@@ -82,4 +83,19 @@ static_libs=${static_libs/-lQNiCloud/-Wl,--whole-archive -l:libQNiCloud.a -Wl,--
     $static_libs
 check_links "pkg-config (static)" "$work/pc-static" static
 check_output "pkg-config (static)" "$work/pc-static"
-echo "installed, and built against it with CMake and pkg-config, shared and static"
+
+# The Debian package holds the same installation and says what it needs.
+quietly "${cmake%/cmake}/cpack" --config "$build/CPackConfig.cmake" -G DEB -B "$work/deb"
+deb=$(find "$work/deb" -maxdepth 1 -name 'qnicloud_*.deb')
+[ -n "$deb" ] || fail "cpack made no Debian package"
+contents=$(dpkg-deb -c "$deb")
+for file in ./usr/bin/qnicloud ./usr/lib/libQNiCloud.so.1 ./usr/lib/libQNiCloud.a \
+    ./usr/include/QNiCloud/QNiCloudDocumentsPresenter.h ./usr/lib/pkgconfig/QNiCloud.pc \
+    ./usr/lib/cmake/QNiCloud/QNiCloudConfig.cmake; do
+    grep -q " $file" <<<"$contents" || fail "the Debian package lacks $file"
+done
+depends=$(dpkg-deb -f "$deb" Depends)
+for package in libfmt-dev libicu libsqlite3; do
+    grep -q "$package" <<<"$depends" || fail "the Debian package does not depend on $package: $depends"
+done
+echo "installed, built against it with CMake and pkg-config, shared and static, and packaged"
