@@ -80,6 +80,9 @@ void QNiCloudDocumentsPresenter::restartAfterAccountChange(QNiCloudAccountState 
     qn::DispatchQueue::global(qn::QualityOfService::UserInitiated)
         .async([presenter = self(), state] {
             presenter->_presentedItemOperationQueue->waitUntilAllOperationsAreFinished();
+            // A query set up while the account changed may have gathered already: the cache is
+            // cleared below, so it would never fill the cache again. Only a new query does.
+            presenter->stopCacheQuery();
             // Work that ran before the cancellation took effect may have filled the cache again.
             presenter->clearCache();
             if (state == QNiCloudAccountStateChanged ||

@@ -96,10 +96,11 @@ void QNiCloudDocumentsPresenter::setUpCacheQuery(std::uint64_t setup,
     }
     setupiCloudContainerIfSafeAndNecessary();
     const bool cancelled = outerOperation.isCancelled();
+    std::shared_ptr<QNiCloudMetadataQuery> query;
     {
         std::lock_guard lock(_cacheQueryLock);
         endCacheQuerySetup(setup);
-        if (cancelled) {
+        if (cancelled || _cacheQuery != nullptr) {
             return;
         }
         auto userInfo = std::make_shared<qn::Dictionary>();
@@ -109,13 +110,14 @@ void QNiCloudDocumentsPresenter::setUpCacheQuery(std::uint64_t setup,
         _cacheQuery->setPredicate(*qn::MetadataPredicate::predicateWithFormat(
             "%K like \"*\"", qn::NSMetadataItemPathKey));
         _cacheQuery->setNotificationBatchingInterval(cacheUpdatesInterval());
+        query = _cacheQuery;
     }
-    qn::MainQueue::async([presenter = self()] {
+    qn::MainQueue::async([presenter = self(), query = std::move(query)] {
         std::lock_guard lock(presenter->_cacheQueryLock);
-        // Stopped meanwhile: nothing to start.
-        if (presenter->_cacheQuery != nullptr) {
-            presenter->registerForNotificationsWithQuery(presenter->_cacheQuery);
-            presenter->_cacheQuery->startQuery();
+        // Stopped meanwhile (and perhaps replaced, by a query that starts itself): nothing to do.
+        if (presenter->_cacheQuery == query) {
+            presenter->registerForNotificationsWithQuery(query);
+            query->startQuery();
         }
     });
     l4Logger().debug("Initial iCloud files tree query started.");
