@@ -126,9 +126,7 @@ void addConflictCommands(CLI::App& app, Run* run) {
                     throw CommandError(fmt::format("cannot resolve {}: {}", *file, failure));
                 }
                 for (const auto& copy : saved) {
-                    const std::string where = copy.path();
-                    fmt::print("saved {}\n",
-                               device.isInDocuments(where) ? device.shown(where) : where);
+                    fmt::print("saved {}\n", device.shown(copy.path()));
                 }
                 return;
             }

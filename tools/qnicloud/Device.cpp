@@ -152,7 +152,10 @@ bool Device::isInDocuments(const std::string& path) {
 
 std::string Device::shown(const std::string& path) {
     const std::string documents = presenter().documentsDirectoryURL().path();
-    return path == documents ? "." : path.substr(documents.size() + 1);
+    if (path == documents) {
+        return ".";
+    }
+    return path.starts_with(documents + "/") ? path.substr(documents.size() + 1) : path;
 }
 
 void Device::perform(const std::function<void()>& work) {

@@ -65,7 +65,7 @@ public:
     bool reachable();
     /// Whether the absolute `path` is the Documents folder or lies below it.
     bool isInDocuments(const std::string& path);
-    /// `path`, in the Documents folder, as the user sees it: relative to that folder.
+    /// `path` as the user sees it: relative to the Documents folder when it lies in it.
     std::string shown(const std::string& path);
 
     /// Runs `work` on a thread of its own while the main thread delivers what the library posts

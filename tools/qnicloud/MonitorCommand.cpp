@@ -92,11 +92,7 @@ void addMonitorCommand(CLI::App& app, Run* run) {
                     }
                     const bool folder =
                         n.userInfo.boolForKey(QNiCloudIsDirectoryKey).value_or(false);
-                    std::string shown = *path;
-                    try {
-                        shown = ready ? device.shown(*path) : *path;
-                    } catch (const CommandError&) {
-                    }
+                    const std::string shown = ready ? device.shown(*path) : *path;
                     return folder ? shown + "/" : shown;
                 };
                 // On a terminal a line never wraps: a path too long loses its start.
