@@ -81,27 +81,36 @@ void addDownloadCommand(CLI::App& app, Run* run) {
             if (*max != 0) {
                 manager->setMaxSimultaneousFileDownloadsCount(*max);
             }
-            ProgressDisplay display(wanted.urls.size(), wanted.size);
-            std::size_t downloaded = 0;
-            std::vector<std::string> failures;
-            const auto name = [&](const qn::URL& url) { return device.shown(url.path()); };
+            // Shared with the handlers: one may still be on its way to the main thread when the
+            // command ends, and the main thread still runs while the device closes.
+            struct Batch {
+                ProgressDisplay display;
+                std::size_t downloaded = 0;
+                std::vector<std::string> failures;
+            };
+            const auto batch = std::make_shared<Batch>(
+                Batch{ProgressDisplay(wanted.urls.size(), wanted.size), 0, {}});
+            auto& display = batch->display;
+            auto& downloaded = batch->downloaded;
+            auto& failures = batch->failures;
             const auto token = QNiCloudBackgroundOperation::operation();
             // One request per file, all with the same token: a failure then names its file.
             for (const auto& url : wanted.urls) {
+                const std::string name = device.shown(url.path());
                 const auto accepted = manager->downloadItemsAtURLs(
                     {url}, token, 0,
-                    [&](const QNBackgroundOperationPointer&, const qn::URL& file,
-                        std::uint64_t size, std::uint64_t done, std::uint64_t,
-                        double) { display.progress(name(file), size, done); },
-                    [&](const QNBackgroundOperationPointer&, const qn::URL& file,
-                        std::uint64_t size, std::uint64_t) {
-                        ++downloaded;
-                        display.finished(name(file), size);
+                    [batch, name](const QNBackgroundOperationPointer&, const qn::URL&,
+                                  std::uint64_t size, std::uint64_t done, std::uint64_t,
+                                  double) { batch->display.progress(name, size, done); },
+                    [batch, name](const QNBackgroundOperationPointer&, const qn::URL&,
+                                  std::uint64_t size, std::uint64_t) {
+                        ++batch->downloaded;
+                        batch->display.finished(name, size);
                     },
                     nullptr, nullptr,
-                    [&, url](const QNBackgroundOperationPointer&, const qn::Error& error) {
-                        failures.push_back(error.localizedDescription());
-                        display.failed(name(url), error.localizedDescription());
+                    [batch, name](const QNBackgroundOperationPointer&, const qn::Error& error) {
+                        batch->failures.push_back(error.localizedDescription());
+                        batch->display.failed(name, error.localizedDescription());
                     });
                 if (accepted == nullptr) {
                     token->cancel();

@@ -53,6 +53,9 @@ std::string ProgressDisplay::bar(const std::string& label, std::uint64_t size,
 }
 
 void ProgressDisplay::progress(const std::string& name, std::uint64_t size, std::uint64_t done) {
+    if (closed_) {
+        return;  // a late word after the summary
+    }
     Live& live = live_[name];
     live.size = size;
     live.done = done;
@@ -69,6 +72,9 @@ void ProgressDisplay::progress(const std::string& name, std::uint64_t size, std:
 }
 
 void ProgressDisplay::finished(const std::string& name, std::uint64_t size) {
+    if (closed_) {
+        return;
+    }
     live_.erase(name);
     finishedSize_ += size;
     ++finishedCount_;
@@ -76,6 +82,9 @@ void ProgressDisplay::finished(const std::string& name, std::uint64_t size) {
 }
 
 void ProgressDisplay::failed(const std::string& name, const std::string& reason) {
+    if (closed_) {
+        return;
+    }
     live_.erase(name);
     ++finishedCount_;
     settle("failed     ", fmt::format("{}: {}", name, reason));

@@ -20,7 +20,7 @@ public:
     void progress(const std::string& name, std::uint64_t size, std::uint64_t done);
     void finished(const std::string& name, std::uint64_t size);
     void failed(const std::string& name, const std::string& reason);
-    /// The last word: the batch's line stays; nothing is redrawn after.
+    /// The last word: the batch's line stays; what comes after is ignored.
     void close(const std::string& summary);
 
 private:
