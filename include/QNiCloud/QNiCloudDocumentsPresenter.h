@@ -721,8 +721,10 @@ private:
         std::function<void(QNiCloudDocumentsPresenter&, const qn::OuterOperation&)> work);
     /// The set-up unit that `startCacheQuery` queues for set-up number `setup`.
     void setUpCacheQuery(std::uint64_t setup, const qn::OuterOperation& outerOperation);
-    /// Ends set-up number `setup`, if it is still the one under way.
-    void endCacheQuerySetup(std::uint64_t setup);
+    /// Ends set-up number `setup`, if it is still the one under way. True when a start was
+    /// turned away meanwhile and no query exists: the caller starts one again, unless it makes
+    /// one itself.
+    bool endCacheQuerySetup(std::uint64_t setup);
     /// The unit queued at the end of the first gathering.
     void initializeCache(const qn::OuterOperation& outerOperation);
     std::shared_ptr<QNiCloudMetadataQuery> cacheQuery();
@@ -745,6 +747,9 @@ private:
     std::recursive_mutex _cacheQueryLock;
     std::shared_ptr<QNiCloudMetadataQuery> _cacheQuery;  // guarded by _cacheQueryLock
     bool _performingCacheQuerySetup = false;             // guarded by _cacheQueryLock
+    // A start turned away while a set-up was under way: a set-up that ends without a query (it
+    // ran before registration, say) must not lose it. Guarded by _cacheQueryLock.
+    bool _cacheQueryStartWanted = false;
     std::uint64_t _cacheQuerySetup = 0;  // number of the last set-up; guarded by _cacheQueryLock
     std::recursive_mutex _cacheLock;
     std::optional<qn::UbiquityIdentityToken> _tag;  // guarded by _tagLock

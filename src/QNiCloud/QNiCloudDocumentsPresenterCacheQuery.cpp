@@ -46,6 +46,7 @@ void QNiCloudDocumentsPresenter::startCacheQuery() {
         std::lock_guard lock(_cacheQueryLock);
         queryExists = _cacheQuery != nullptr;
         setupUnderWay = _performingCacheQuerySetup;
+        _cacheQueryStartWanted = _cacheQueryStartWanted || (!queryExists && setupUnderWay);
         if (!queryExists && !setupUnderWay) {
             _performingCacheQuerySetup = true;
             setup = ++_cacheQuerySetup;
@@ -67,8 +68,8 @@ void QNiCloudDocumentsPresenter::startCacheQuery() {
         Claim(const Claim&) = delete;
         Claim& operator=(const Claim&) = delete;
         ~Claim() {
-            if (const auto strong = presenter.lock()) {
-                strong->endCacheQuerySetup(setup);
+            if (const auto strong = presenter.lock(); strong && strong->endCacheQuerySetup(setup)) {
+                strong->startCacheQuery();
             }
         }
         std::weak_ptr<QNiCloudDocumentsPresenter> presenter;
@@ -81,17 +82,21 @@ void QNiCloudDocumentsPresenter::startCacheQuery() {
     });
 }
 
-void QNiCloudDocumentsPresenter::endCacheQuerySetup(std::uint64_t setup) {
+bool QNiCloudDocumentsPresenter::endCacheQuerySetup(std::uint64_t setup) {
     std::lock_guard lock(_cacheQueryLock);
-    if (_cacheQuerySetup == setup) {
-        _performingCacheQuerySetup = false;
+    if (_cacheQuerySetup != setup || !_performingCacheQuerySetup) {
+        return false;
     }
+    _performingCacheQuerySetup = false;
+    return std::exchange(_cacheQueryStartWanted, false) && _cacheQuery == nullptr;
 }
 
 void QNiCloudDocumentsPresenter::setUpCacheQuery(std::uint64_t setup,
                                                  const qn::OuterOperation& outerOperation) {
     if (currentAccountState() == QNiCloudAccountStateUnavailable || !_registeredForFileChanges) {
-        endCacheQuerySetup(setup);
+        if (endCacheQuerySetup(setup)) {
+            startCacheQuery();  // the start turned away meanwhile may find things changed
+        }
         return;
     }
     setupiCloudContainerIfSafeAndNecessary();

@@ -11,8 +11,10 @@
 #include <thread>
 
 #include "Interruption.h"
+#include "QNiCloud/QNiCloud.h"
 #include "qn/DirectoryStore.h"
 #include "qn/MainQueue.h"
+#include "qn/NotificationCenter.h"
 #include "qn/PathString.h"
 #include "qn/util/ContainerHelpers.h"
 
@@ -118,7 +120,18 @@ QNiCloudDocumentsPresenter& Device::presenter() {
         // A command shows and changes what the store has now, not what the device last saw.
         drive().waitUntilIdle(kCatchUp);
     }
+    // The presenter reads the account on its own, after it is made, and then starts over what
+    // ran before (the downloads manager drops its requests, the cache query is made anew).
+    // Registering only once the host has heard of the account leaves nothing to start over.
+    bool accountKnown = false;
+    auto observation = qn::NotificationCenter::defaultCenter().addObserver(
+        QNiCloudAccountStateDidChangeNotification, nullptr,
+        [&](const qn::Notification&) { accountKnown = true; });
     presenter_ = QNiCloudDocumentsPresenter::initWithContainerIdentifier(container_);
+    if (!qn::MainQueue::runUntil([&] { return accountKnown; }, kPatience)) {
+        throw CommandError("the device's account did not answer in time");
+    }
+    observation.reset();
     QNiCloudDocumentsPresenter::setDefaultPresenter(presenter_);
     presenter_->setCacheUpdatesInterval(0.05);
     // A command downloads what it is asked to and nothing else: no file has "/" as extension.
