@@ -704,9 +704,11 @@ private:
     /// Throws `qn::InternalInconsistencyException` on an operation of the presenter's own queue,
     /// where waiting for the queue would never end.
     void refuseWaitingFromOwnQueue() const;
-    /// Cancels the queued work of the old account once the calling thread's reset is done:
-    /// waits in the background for the queue to drain, then clears the cache again and, for a
-    /// present account, starts the cache query.
+    /// Finishes an account change once the calling thread's reset is done: queues, behind the
+    /// cancelled work of the old account, one unit that stops any query, clears the cache again
+    /// and, for a present account, starts the cache query. It runs on the serial queue rather
+    /// than after a background wait for the queue to drain, so that no cache work can run beside
+    /// the clearing (a host registering meanwhile would otherwise see a half-filled listing).
     void restartAfterAccountChange(QNiCloudAccountState state);
     void postQueued(qn::Notification notification);
     /// After a repair of the container's location: once the queue has drained (the set-up unit

@@ -8,9 +8,7 @@
 #include <utility>
 
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
-#include "qn/DispatchQueue.h"
 #include "qn/FileManager.h"
-#include "qn/QualityOfService.h"
 
 QNiCloudAccountState QNiCloudDocumentsPresenter::currentAccountState() const {
     std::lock_guard lock(_tagLock);
@@ -77,18 +75,18 @@ void QNiCloudDocumentsPresenter::setNewUbiquityIdentityToken(
 }
 
 void QNiCloudDocumentsPresenter::restartAfterAccountChange(QNiCloudAccountState state) {
-    qn::DispatchQueue::global(qn::QualityOfService::UserInitiated)
-        .async([presenter = self(), state] {
-            presenter->_presentedItemOperationQueue->waitUntilAllOperationsAreFinished();
-            // A query set up while the account changed may have gathered already: the cache is
-            // cleared below, so it would never fill the cache again. Only a new query does.
-            presenter->stopCacheQuery();
-            // Work that ran before the cancellation took effect may have filled the cache again.
-            presenter->clearCache();
-            if (state == QNiCloudAccountStateChanged ||
-                state == QNiCloudAccountStateBecameAvailable) {
-                presenter->startCacheQuery();
-            }
-            l4Logger().debug("Did cancel all running operations.");
-        });
+    // One unit of the serial queue, behind the work cancelled above, so that no cache work runs
+    // beside the clearing. Whatever query exists by then (made by a set-up that was already
+    // under way, or by a host registering meanwhile) may have filled the cache before the
+    // clearing, so it is replaced, and the work it queued is cancelled with it: only a query
+    // made after the clearing fills the cache, and its initialisation is the one the host hears.
+    enqueueCacheWork([state](QNiCloudDocumentsPresenter& presenter, const qn::OuterOperation&) {
+        presenter.stopCacheQuery();
+        presenter._presentedItemOperationQueue->cancelAllOperations();
+        presenter.clearCache();
+        if (state == QNiCloudAccountStateChanged || state == QNiCloudAccountStateBecameAvailable) {
+            presenter.startCacheQuery();
+        }
+        l4Logger().debug("Did cancel all running operations.");
+    });
 }

@@ -120,24 +120,37 @@ QNiCloudDocumentsPresenter& Device::presenter() {
         // A command shows and changes what the store has now, not what the device last saw.
         drive().waitUntilIdle(kCatchUp);
     }
-    // The presenter reads the account on its own, after it is made, and then starts over what
-    // ran before (the downloads manager drops its requests, the cache query is made anew).
-    // Registering only once the host has heard of the account leaves nothing to start over.
-    bool accountKnown = false;
-    auto observation = qn::NotificationCenter::defaultCenter().addObserver(
-        QNiCloudAccountStateDidChangeNotification, nullptr,
-        [&](const qn::Notification&) { accountKnown = true; });
+    // The presenter reads the account on its own, after it is made. What it finds starts over
+    // what ran before: on the main queue the host hears the account, then (from a background
+    // task) the cache being cleared once more, and only the listing initialised after that
+    // clearing lasts. Registering once the account is known keeps the downloads manager from
+    // dropping requests; waiting for that listing keeps a command from reading a cache about to
+    // be cleared.
+    enum class Heard { Nothing, Account, Cleared, Listing };
+    Heard heard = Heard::Nothing;
+    auto& center = qn::NotificationCenter::defaultCenter();
+    const auto follow = [&](std::string_view name, Heard from, Heard to) {
+        return center.addObserver(name, nullptr, [&heard, from, to](const qn::Notification&) {
+            if (heard == from) {
+                heard = to;
+            }
+        });
+    };
+    const auto account =
+        follow(QNiCloudAccountStateDidChangeNotification, Heard::Nothing, Heard::Account);
+    const auto cleared = follow(QNiCloudDidClearCacheNotification, Heard::Account, Heard::Cleared);
+    const auto listing =
+        follow(QNiCloudCacheInitializedNotification, Heard::Cleared, Heard::Listing);
     presenter_ = QNiCloudDocumentsPresenter::initWithContainerIdentifier(container_);
-    if (!qn::MainQueue::runUntil([&] { return accountKnown; }, kPatience)) {
+    if (!qn::MainQueue::runUntil([&] { return heard != Heard::Nothing; }, kPatience)) {
         throw CommandError("the device's account did not answer in time");
     }
-    observation.reset();
     QNiCloudDocumentsPresenter::setDefaultPresenter(presenter_);
     presenter_->setCacheUpdatesInterval(0.05);
     // A command downloads what it is asked to and nothing else: no file has "/" as extension.
     presenter_->setExtensionsAllowedForAutomaticDownload(std::set<std::string>{"/"});
     presenter_->registerForFileChangesNotifications();
-    if (!qn::MainQueue::runUntil([&] { return presenter_->cacheInitialized(); }, kPatience)) {
+    if (!qn::MainQueue::runUntil([&] { return heard == Heard::Listing; }, kPatience)) {
         throw CommandError("the container's listing did not arrive in time");
     }
     return *presenter_;
