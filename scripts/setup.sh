@@ -8,7 +8,7 @@ preset=${1:-default}
 # pkg-config: the install test builds a program with it; dpkg-dev and file: cpack -G DEB lists
 # the package's shared-library dependencies with dpkg-shlibdeps.
 packages=(g++ cmake ninja-build libfmt-dev libgtest-dev libgmock-dev libbenchmark-dev libicu-dev
-          libsqlite3-dev libcli11-dev pkg-config dpkg-dev file libcurl4-openssl-dev)
+          libsqlite3-dev libcli11-dev pkg-config dpkg-dev file libcurl4-openssl-dev libexpat1-dev)
 missing=()
 for p in "${packages[@]}"; do
     dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
