@@ -41,10 +41,11 @@ foreach(kind IN ITEMS shared static)
     target_include_directories(${target} INTERFACE
         $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
         $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
-    # The public headers use fmt and threads; ICU, SQLite and expat stay inside the library.
+    # The public headers use fmt and threads; ICU, SQLite, expat and libcurl stay inside
+    # the library.
     target_link_libraries(${target}
         PUBLIC fmt::fmt Threads::Threads
-        PRIVATE ICU::uc ICU::i18n SQLite::SQLite3 EXPAT::EXPAT)
+        PRIVATE ICU::uc ICU::i18n SQLite::SQLite3 EXPAT::EXPAT CURL::libcurl)
 endforeach()
 set_target_properties(QNiCloud_shared PROPERTIES
     EXPORT_NAME QNiCloud
@@ -127,5 +128,5 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS "libfmt-dev")
-set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libicu-dev, libsqlite3-dev, libexpat1-dev, pkg-config")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "libicu-dev, libsqlite3-dev, libexpat1-dev, libcurl4-openssl-dev, pkg-config")
 include(CPack)
