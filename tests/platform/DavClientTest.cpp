@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/drive/DavClient.h"
+#include "platform/drive/DavLock.h"
 #include "platform/drive/Multistatus.h"
 #include "support/TemporaryDirectory.h"
 #include "support/WebDAVServer.h"
@@ -191,6 +192,32 @@ TEST(DavClientTest, BusyOrGoneServersAreTriedAgainThenGivenUp) {
     EXPECT_NE(error.find("did not answer"), std::string::npos) << error;
     server->restart();
     EXPECT_EQ(perform(client, probe).status, 207);
+}
+
+TEST(DavClientTest, OneDeviceHoldsTheLockAndADeadOnesLockExpires) {
+    for (const Kind kind : {Kind::Apache, Kind::Rclone}) {
+        const auto server = serverOrSkip(kind, {});
+        if (server == nullptr) {
+            GTEST_SKIP() << *WebDAVServer::unavailable(kind);
+        }
+        DavClient laptop(clientOf(*server));
+        DavClient desktop(clientOf(*server));
+        std::string error;
+        {
+            auto held = drive::DavLock::acquire(laptop, "lock", 60s, 0ms, "laptop", &error);
+            ASSERT_TRUE(held) << error;
+            EXPECT_TRUE(held->token().starts_with("<")) << held->token();
+            EXPECT_FALSE(drive::DavLock::acquire(desktop, "lock", 60s, 100ms, "desktop", &error));
+            EXPECT_NE(error.find("locked by another device"), std::string::npos) << error;
+        }
+        // Let go of: the other device has it at once.
+        auto second = drive::DavLock::acquire(desktop, "lock", 1s, 0ms, "desktop", &error);
+        ASSERT_TRUE(second) << error;
+        // Its holder dies: the lock goes with its time-out, and a waiting device gets it.
+        second->abandon();
+        EXPECT_TRUE(drive::DavLock::acquire(laptop, "lock", 60s, 5s, "laptop", &error))
+            << (kind == Kind::Apache ? "Apache: " : "rclone: ") << error;
+    }
 }
 
 }  // namespace
