@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 #include <fmt/format.h>
+#include <strings.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -229,8 +230,15 @@ std::optional<DavClient::Response> DavClient::perform(const Request& request, Fa
         Transfer transfer;
         transfer.request = &request;
         curl_slist* headers = nullptr;
+        bool typed = false;
         for (const auto& header : request.headers) {
             headers = curl_slist_append(headers, header.c_str());
+            typed = typed ||
+                    (header.size() >= 13 && strncasecmp(header.c_str(), "Content-Type:", 13) == 0);
+        }
+        if (!request.body.empty() && !typed) {
+            // A WebDAV body is XML; libcurl would call it a form.
+            headers = curl_slist_append(headers, "Content-Type: application/xml; charset=utf-8");
         }
         curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
         curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());

@@ -21,8 +21,7 @@ std::optional<DavLock> DavLock::acquire(DavClient& client, const std::string& pa
     DavClient::Request request;
     request.method = "LOCK";
     request.path = path;
-    request.headers = {"Depth: 0", fmt::format("Timeout: Second-{}", timeout.count()),
-                       "Content-Type: application/xml; charset=utf-8"};
+    request.headers = {"Depth: 0", fmt::format("Timeout: Second-{}", timeout.count())};
     std::string escapedOwner;
     for (const char c : owner) {
         escapedOwner += c == '<'   ? std::string("&lt;")
