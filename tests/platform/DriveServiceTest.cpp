@@ -1,6 +1,6 @@
-// Two devices of the embedded drive on one directory store, in one process: documents written on
-// one appear on the other as not downloaded, download on request with progress, and edits,
-// conflicts, resolutions, moves and removals travel both ways.
+// Two devices of the embedded drive on one store (a directory, a WebDAV server), in one process:
+// documents written on one appear on the other as not downloaded, download on request with
+// progress, and edits, conflicts, resolutions, moves and removals travel both ways.
 
 #include <gtest/gtest.h>
 
@@ -9,13 +9,13 @@
 #include <map>
 #include <mutex>
 
-#include "qn/DirectoryStore.h"
 #include "qn/DriveService.h"
 #include "qn/FileAttributes.h"
 #include "qn/MainQueue.h"
 #include "qn/MetadataAttributes.h"
 #include "qn/NotificationCenter.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestStores.h"
 
 namespace qn::test {
 namespace {
@@ -92,12 +92,14 @@ struct Device {
     }
 };
 
-class DriveServiceTest : public ::testing::Test {
+class DriveServiceTest : public ::testing::TestWithParam<StoreKind> {
 protected:
     void SetUp() override {
-        ASSERT_TRUE(DirectoryStore::create(directory.path() + "/store", nullptr));
-        ASSERT_TRUE(
-            DirectoryStore::open(directory.path() + "/store")->addAccount(kAccount, nullptr));
+        if (const auto why = TestStore::unavailable(GetParam())) {
+            GTEST_SKIP() << *why;
+        }
+        store = std::make_unique<TestStore>(GetParam(), directory.path());
+        ASSERT_TRUE(store->open()->addAccount(kAccount, nullptr));
         a = open("A");
         b = open("B");
     }
@@ -108,7 +110,7 @@ protected:
         Error error;
         DriveService::Options options;
         options.deviceDirectory = directory.path() + "/" + name;
-        options.store = DirectoryStore::open(directory.path() + "/store");
+        options.store = store->open();
         options.deviceName = name;
         options.pollInterval = 20ms;
         device.drive = DriveService::open(options, &error);
@@ -132,11 +134,12 @@ protected:
     }
 
     TemporaryDirectory directory;
+    std::unique_ptr<TestStore> store;
     Device a;
     Device b;
 };
 
-TEST_F(DriveServiceTest, ADocumentTravelsAndDownloadsOnRequestWithProgress) {
+TEST_P(DriveServiceTest, ADocumentTravelsAndDownloadsOnRequestWithProgress) {
     const std::string big(20 << 20, 'x');  // several progress reports
     write(a.path("Notes.txt"), big);
     settle();
@@ -165,7 +168,7 @@ TEST_F(DriveServiceTest, ADocumentTravelsAndDownloadsOnRequestWithProgress) {
         a.reports->flag(a.path("Notes.txt"), NSMetadataUbiquitousItemHasUnresolvedConflictsKey));
 }
 
-TEST_F(DriveServiceTest, ConcurrentEditsEndAsAConflictVersionOnBothDevices) {
+TEST_P(DriveServiceTest, ConcurrentEditsEndAsAConflictVersionOnBothDevices) {
     write(a.path("Plan.txt"), "base");
     settle();
     ASSERT_TRUE(b.drive->startDownloading(b.url("Plan.txt"), nullptr));
@@ -204,7 +207,7 @@ TEST_F(DriveServiceTest, ConcurrentEditsEndAsAConflictVersionOnBothDevices) {
     EXPECT_TRUE(b.drive->otherVersionsOfItem(b.url("Plan.txt"))[0].isResolved);
 }
 
-TEST_F(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
+TEST_P(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
     fs::create_directories(a.path("Folder"));
     write(a.path("Folder/x.txt"), "x");
     write(a.path("keep.txt"), "keep");
@@ -240,7 +243,7 @@ TEST_F(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
     b.drive->setSyncPaused(false);
 }
 
-TEST_F(DriveServiceTest, AFolderMovesWholeAndItsRemovalSparesWhatOthersAddedMeanwhile) {
+TEST_P(DriveServiceTest, AFolderMovesWholeAndItsRemovalSparesWhatOthersAddedMeanwhile) {
     fs::create_directories(a.path("Trip/Photos"));
     write(a.path("Trip/plan.txt"), "plan");
     write(a.path("Trip/Photos/beach.jpg"), "beach");
@@ -268,10 +271,10 @@ TEST_F(DriveServiceTest, AFolderMovesWholeAndItsRemovalSparesWhatOthersAddedMean
     EXPECT_TRUE(fs::is_directory(a.path("Journey"))) << "the folder is back for what it holds";
 }
 
-TEST_F(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersTheChoice) {
+TEST_P(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersTheChoice) {
     write(a.path("mine.txt"), "alice's");
     settle();
-    ASSERT_TRUE(DirectoryStore::open(directory.path() + "/store")->addAccount("bob", nullptr));
+    ASSERT_TRUE(store->open()->addAccount("bob", nullptr));
     const auto token = a.drive->identityToken();
     int told = 0;
     NotificationCenter::defaultCenter().addObserver(this, NSUbiquityIdentityDidChangeNotification,
@@ -300,14 +303,19 @@ TEST_F(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersT
     NotificationCenter::defaultCenter().removeObserver(this);
 }
 
-TEST_F(DriveServiceTest, ADeviceHasOneEngineAtATime) {
+TEST_P(DriveServiceTest, ADeviceHasOneEngineAtATime) {
     Error error;
     DriveService::Options options;
     options.deviceDirectory = directory.path() + "/A";
-    options.store = DirectoryStore::open(directory.path() + "/store");
+    options.store = store->open();
     EXPECT_EQ(DriveService::open(options, &error), nullptr);
     EXPECT_NE(error.localizedDescription().find("in use by another engine"), std::string::npos);
 }
+
+INSTANTIATE_TEST_SUITE_P(Stores, DriveServiceTest,
+                         ::testing::Values(StoreKind::Directory, StoreKind::WebDAVApache,
+                                           StoreKind::WebDAVRclone),
+                         [](const auto& info) { return nameOf(info.param); });
 
 }  // namespace
 }  // namespace qn::test

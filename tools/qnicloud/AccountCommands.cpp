@@ -2,6 +2,7 @@
 
 #include <fmt/core.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -13,6 +14,32 @@ namespace qnicloud {
 void addAccountCommands(CLI::App& app, Run* run) {
     auto* store = app.add_subcommand("store", "Drive stores")->require_subcommand(1);
     auto* init = store->add_subcommand("init", "Make a directory store (kept if it exists)");
+    auto webDAV = std::make_shared<qn::WebDAVStore::Options>();
+    auto* add = store->add_subcommand(
+        "add", "Use a WebDAV store (made at URL if missing); password from $QNICLOUD_PASSWORD");
+    add->add_option("URL", webDAV->url, "The collection that holds the store")->required();
+    add->add_option("--user", webDAV->user, "The user name on the server");
+    add->add_option("--ca", webDAV->certificateAuthority, "A PEM file of certificates to trust");
+    add->add_flag("--insecure", webDAV->allowUnverifiedCertificate,
+                  "Accept a server certificate that does not verify");
+    add->callback([run, webDAV] {
+        *run = [webDAV](Device& device) {
+            if (!Device::isURL(webDAV->url)) {
+                throw CommandError(
+                    fmt::format("{} is not an http:// or https:// URL", webDAV->url));
+            }
+            if (const char* password = std::getenv("QNICLOUD_PASSWORD")) {
+                webDAV->password = password;
+            }
+            qn::Error error;
+            if (!qn::WebDAVStore::create(*webDAV, &error)) {
+                throw CommandError(error.localizedDescription());
+            }
+            device.rememberWebDAV(*webDAV);
+            device.rememberStorePath(webDAV->url);
+            fmt::print("store ready at {}\n", webDAV->url);
+        };
+    });
     auto directory = std::make_shared<std::string>();
     init->add_option("DIR", *directory, "The store's directory")->required();
     init->callback([run, directory] {
@@ -38,7 +65,7 @@ void addAccountCommands(CLI::App& app, Run* run) {
                 device.rememberStorePath(*storeDirectory);
             }
             qn::Error error;
-            auto store = qn::DirectoryStore::open(device.storePath());
+            auto store = device.makeStore(device.storePath());
             if (!store->addAccount(*name, &error) || !drive.signIn(*name, &error)) {
                 throw CommandError(error.localizedDescription());
             }

@@ -7,6 +7,7 @@
 #include <exception>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -67,8 +68,51 @@ std::string Device::storePath() const {
 void Device::rememberStorePath(const std::string& store) const {
     std::filesystem::create_directories(directory_);
     const std::string temporary = directory_ + "/store-path.new";
-    std::ofstream(temporary) << std::filesystem::absolute(store).string() << "\n";
+    std::ofstream(temporary) << (isURL(store) ? store : std::filesystem::absolute(store).string())
+                             << "\n";
     std::filesystem::rename(temporary, directory_ + "/store-path");
+}
+
+bool Device::isURL(const std::string& location) {
+    return location.starts_with("http://") || location.starts_with("https://");
+}
+
+void Device::rememberWebDAV(const qn::WebDAVStore::Options& options) const {
+    std::filesystem::create_directories(directory_);
+    const std::string file = directory_ + "/webdav";
+    const std::string temporary = file + ".new";
+    {
+        std::ofstream(temporary).close();
+        std::filesystem::permissions(
+            temporary, std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+        std::ofstream out(temporary);
+        out << "url=" << options.url << "\nuser=" << options.user
+            << "\npassword=" << options.password << "\nca=" << options.certificateAuthority
+            << "\ninsecure=" << (options.allowUnverifiedCertificate ? 1 : 0) << "\n";
+    }
+    std::filesystem::rename(temporary, file);
+}
+
+std::shared_ptr<qn::DriveStore> Device::makeStore(const std::string& location) const {
+    if (!isURL(location)) {
+        return qn::DirectoryStore::open(location);
+    }
+    qn::WebDAVStore::Options options;
+    std::ifstream file(directory_ + "/webdav");
+    std::map<std::string, std::string> remembered;
+    for (std::string line; std::getline(file, line);) {
+        if (const auto equals = line.find('='); equals != std::string::npos) {
+            remembered[line.substr(0, equals)] = line.substr(equals + 1);
+        }
+    }
+    if (remembered["url"] == location) {
+        options.user = remembered["user"];
+        options.password = remembered["password"];
+        options.certificateAuthority = remembered["ca"];
+        options.allowUnverifiedCertificate = remembered["insecure"] == "1";
+    }
+    options.url = location;
+    return qn::WebDAVStore::open(std::move(options));
 }
 
 qn::DriveService& Device::open(const std::string& store) {
@@ -94,7 +138,7 @@ qn::DriveService& Device::open(const std::string& store) {
     options.deviceDirectory = directory_;
     options.deviceName = name_;
     options.syncPaused = offline_;
-    options.store = qn::DirectoryStore::open(path);
+    options.store = makeStore(path);
     qn::Error error;
     drive_ = qn::DriveService::open(options, &error);
     if (drive_ == nullptr) {

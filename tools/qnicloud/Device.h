@@ -13,6 +13,7 @@
 
 #include "QNiCloud/QNiCloudDocumentsPresenter.h"
 #include "qn/DriveService.h"
+#include "qn/WebDAVStore.h"
 
 namespace qnicloud {
 
@@ -46,9 +47,15 @@ public:
     const std::string& directory() const { return directory_; }
     const std::string& container() const { return container_; }
 
-    /// The store the device was signed in with, or "".
+    /// The store the device was signed in with (a directory or a WebDAV URL), or "".
     std::string storePath() const;
     void rememberStorePath(const std::string& store) const;
+    /// The store at `location`: a WebDAV store for an http(s) URL, with the credentials
+    /// remembered for it, else a directory store.
+    std::shared_ptr<qn::DriveStore> makeStore(const std::string& location) const;
+    /// Remembers how to reach a WebDAV store (kept readable by the user only).
+    void rememberWebDAV(const qn::WebDAVStore::Options& options) const;
+    static bool isURL(const std::string& location);
 
     /// Opens the engine on `store` (the remembered one when empty); throws `CommandError`.
     qn::DriveService& open(const std::string& store = {});
