@@ -157,7 +157,8 @@ private:
 class FaultProxy {
 public:
     /// Which requests a fault waits for: an empty field matches anything. `path` is compared
-    /// with the request target as sent (percent-encoded), without its query.
+    /// with the request target as sent (percent-encoded), without its query; one ending in "*"
+    /// matches every target that starts with what comes before it.
     struct Match {
         std::string method;
         std::string path;

@@ -1067,6 +1067,10 @@ std::optional<DriveStore::Item> WebDAVStore::makeDirectory(std::string_view name
     record.date = modificationDate;
     record.device = std::string(device);
     if (!writer.commit(record, error)) {
+        if (made->status == 201) {
+            // Unrecorded, it would be taken for another client's folder.
+            call(*client_, request("DELETE", account->remote(path)), nullptr);
+        }
         return std::nullopt;
     }
     return writer.index().item(record.path, *writer.index().find(path));
