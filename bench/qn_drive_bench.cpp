@@ -7,6 +7,10 @@
 //     download_s as above, and mib_per_s of each.
 //   - BM_ChangeNoticed: device A idle with its default poll interval; a file is rewritten and
 //     closed; notice_ms is the time until the store holds the new revision (median of 20).
+// QN_DRIVE_BENCH_STORE chooses the store: "directory" (the default), or "apache" or "rclone" for a
+// WebDAV store on that server, started on the loopback address; with a WebDAV store the small
+// and large runs also time `rclone copy` of the same files to and from the same server
+// (rclone_upload_s, rclone_download_s), the anchor the store is measured against.
 // scripts/drive-bench.sh runs these beside `rclone copy` and `cp` on the same data.
 // The working directory is QN_DRIVE_BENCH_DIR (default: a new directory in /var/tmp), so that
 // the data sits on a disk, not in memory.
@@ -29,6 +33,8 @@
 
 #include "qn/DirectoryStore.h"
 #include "qn/DriveService.h"
+#include "qn/WebDAVStore.h"
+#include "support/WebDAVServer.h"
 
 namespace {
 
@@ -64,14 +70,34 @@ std::size_t largeMiB() {
 struct Setup {
     std::string root = workDirectory();
     std::string store = root + "/store";
+    std::unique_ptr<qn::test::WebDAVServer> server;
+    qn::WebDAVStore::Options webDAV;
 
     Setup() {
-        qn::DirectoryStore::create(store, nullptr);
-        qn::DirectoryStore::open(store)->addAccount(kAccount, nullptr);
+        const char* kind = std::getenv("QN_DRIVE_BENCH_STORE");
+        const std::string chosen = kind != nullptr ? kind : "directory";
+        if (chosen == "apache" || chosen == "rclone") {
+            server = qn::test::WebDAVServer::start(chosen == "apache"
+                                                       ? qn::test::WebDAVServer::Kind::Apache
+                                                       : qn::test::WebDAVServer::Kind::Rclone);
+            webDAV.url = server->url() + "store";
+            qn::WebDAVStore::create(webDAV, nullptr);
+        } else if (chosen == "directory") {
+            qn::DirectoryStore::create(store, nullptr);
+        } else {
+            throw std::runtime_error("QN_DRIVE_BENCH_STORE is directory, apache or rclone");
+        }
+        openStore()->addAccount(kAccount, nullptr);
     }
     ~Setup() {
         std::error_code ignored;
         fs::remove_all(root, ignored);
+    }
+    std::shared_ptr<qn::DriveStore> openStore() const {
+        if (server != nullptr) {
+            return qn::WebDAVStore::open(webDAV);
+        }
+        return qn::DirectoryStore::open(store);
     }
     std::string documents(const std::string& device) const {
         return root + "/" + device + "/Mobile Documents/iCloud~com~example~Bench/Documents";
@@ -80,7 +106,7 @@ struct Setup {
                                            std::chrono::milliseconds poll = 20ms) const {
         qn::DriveService::Options options;
         options.deviceDirectory = root + "/" + device;
-        options.store = qn::DirectoryStore::open(store);
+        options.store = openStore();
         options.deviceName = device;
         options.pollInterval = poll;
         qn::Error error;
@@ -90,6 +116,26 @@ struct Setup {
         }
         drive->containerURL(kContainer);
         return drive;
+    }
+    // With a WebDAV store: the anchor, `rclone copy` of `folder` to the server and back, as
+    // counters beside the drive's.
+    void anchor(benchmark::State& state, const std::string& folder) const {
+        if (server == nullptr) {
+            return;
+        }
+        const std::string remote =
+            fmt::format(":webdav:anchor --webdav-url {} --webdav-vendor other", server->url());
+        const auto timed = [](const std::string& command) {
+            const auto start = Clock::now();
+            if (std::system((command + " >/dev/null 2>&1").c_str()) != 0) {
+                throw std::runtime_error("failed: " + command);
+            }
+            return seconds(Clock::now() - start);
+        };
+        ::sync();
+        state.counters["rclone_upload_s"] = timed(fmt::format("rclone copy {} {}", folder, remote));
+        state.counters["rclone_download_s"] =
+            timed(fmt::format("rclone copy {} {}/rclone-back", remote, root));
     }
 };
 
@@ -128,6 +174,7 @@ void BM_SmallFiles(benchmark::State& state) {
         state.counters["upload_s"] = seconds(uploaded - start);
         state.counters["catch_up_s"] = seconds(known - uploaded);
         state.counters["download_s"] = seconds(downloaded - known);
+        setup.anchor(state, setup.documents("A"));
     }
 }
 BENCHMARK(BM_SmallFiles)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
@@ -165,6 +212,7 @@ void BM_LargeFile(benchmark::State& state) {
         state.counters["upload_mib_per_s"] = static_cast<double>(mib) / seconds(uploaded - start);
         state.counters["download_mib_per_s"] =
             static_cast<double>(mib) / seconds(downloaded - known);
+        setup.anchor(state, setup.documents("A"));
     }
 }
 BENCHMARK(BM_LargeFile)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
@@ -174,7 +222,7 @@ void BM_ChangeNoticed(benchmark::State& state) {
         Setup setup;
         const auto a = setup.open("A", 200ms);  // the default poll interval
         fs::create_directories(setup.documents("A"));
-        const auto store = qn::DirectoryStore::open(setup.store);
+        const auto store = setup.openStore();
         const std::string path = "iCloud.com.example.Bench/Documents/changed.txt";
         std::vector<double> notices;
         for (int round = 0; round < 20; ++round) {

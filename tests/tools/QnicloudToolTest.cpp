@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "support/TemporaryDirectory.h"
+#include "support/WebDAVServer.h"
 
 extern char** environ;
 
@@ -311,6 +312,48 @@ TEST_F(QnicloudToolTest, DownloadInterruptedAndMonitorOfAnotherDevice) {
         ++cloudOnly;
     }
     EXPECT_EQ(cloudOnly, kFiles - here) << listed.out;
+}
+
+TEST_F(QnicloudToolTest, AWebDAVStoreServesDevicesAsADirectoryStoreDoes) {
+    WebDAVServer::Options options;
+    options.authentication = WebDAVServer::Authentication::Basic;
+    if (const auto why = WebDAVServer::unavailable(WebDAVServer::Kind::Apache, options)) {
+        GTEST_SKIP() << *why;
+    }
+    const auto server = WebDAVServer::start(WebDAVServer::Kind::Apache, options);
+    const std::string url = server->url() + "qnicloud";
+    const std::string laptop = directory.path() + "/laptop";
+    const std::string desktop = directory.path() + "/desktop";
+    ::setenv("QNICLOUD_PASSWORD", "not the password", 1);
+    expectRefusal(qnicloud(laptop, {"store", "add", url, "--user", "alice"}),
+                  "refused the credentials of \"alice\"");
+    ::setenv("QNICLOUD_PASSWORD", options.password.c_str(), 1);
+    for (const auto& device : {laptop, desktop}) {
+        EXPECT_EQ(qnicloud(device, {"store", "add", url, "--user", "alice"}).status, 0);
+        EXPECT_EQ(qnicloud(device, {"account", "sign-in", "alice"}).status, 0);
+    }
+    ::unsetenv("QNICLOUD_PASSWORD");
+    expectRefusal(qnicloud(laptop, {"store", "add", "ftp://127.0.0.1/x"}),
+                  "is not an http:// or https:// URL");
+    expectRefusal(qnicloud(laptop, {"store", "add", "http://127.0.0.1:1/none"}),
+                  "cannot be reached");
+
+    EXPECT_EQ(qnicloud(desktop, {"ls", "--json"}).out, "[]\n") << "nothing yet";
+    fs::create_directories(documentsOf(laptop));
+    std::ofstream(documentsOf(laptop) + "/a.txt") << "over WebDAV";
+    auto outcome = qnicloud(laptop, {"status"});
+    EXPECT_NE(outcome.out.find("store: " + url + " (reachable)"), std::string::npos) << outcome.out;
+    EXPECT_NE(outcome.out.find("items: 1 downloaded"), std::string::npos) << outcome.out;
+    outcome = qnicloud(desktop, {"ls", "--json"});
+    EXPECT_NE(outcome.out.find(R"({"path": "a.txt", "folder": false, "state": "cloud only")"),
+              std::string::npos)
+        << outcome.out << outcome.err;
+    EXPECT_EQ(qnicloud(desktop, {"download", "a.txt"}).status, 0);
+    EXPECT_EQ(qnicloud(desktop, {"cat", "a.txt"}).out, "over WebDAV");
+    EXPECT_EQ(readFile(server->dataDirectory() + "/qnicloud/alice/iCloud.com.qnicloud.Documents/"
+                                                 "Documents/a.txt"),
+              "over WebDAV")
+        << "the document is at its own path on the server";
 }
 
 }  // namespace

@@ -64,6 +64,9 @@ void addListCommand(CLI::App& app, Run* run) {
             if (!presenter.itemExistsAtPath(folder, &isDirectory)) {
                 throw CommandError(fmt::format("nothing at {}", *path));
             }
+            // The query covers what is in Documents, not Documents itself: while it is empty,
+            // the cache cannot tell that it is a folder.
+            isDirectory = isDirectory || folder == presenter.documentsDirectoryURL().path();
             std::vector<std::string> names;
             if (!isDirectory) {
                 names.push_back(qn::lastPathComponent(folder));
