@@ -133,9 +133,10 @@ struct Setup {
             return seconds(Clock::now() - start);
         };
         ::sync();
-        state.counters["rclone_upload_s"] = timed(fmt::format("rclone copy {} {}", folder, remote));
+        state.counters["rclone_upload_s"] =
+            timed(fmt::format("rclone copy '{}' {}", folder, remote));
         state.counters["rclone_download_s"] =
-            timed(fmt::format("rclone copy {} {}/rclone-back", remote, root));
+            timed(fmt::format("rclone copy {} '{}/rclone-back'", remote, root));
     }
 };
 

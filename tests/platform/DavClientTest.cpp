@@ -1,5 +1,5 @@
 // The network store's HTTP line against real servers: credentials, bodies from and to files,
-// progress, certificates, and retries when the server is busy or gone.
+// progress, and retries when the server is busy or gone. (The store's tests check certificates.)
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -130,31 +130,6 @@ TEST(DavClientTest, FilesGoUpAndComeDownWithProgressUnderEachAuthentication) {
         }());
         EXPECT_EQ(perform(stranger, request("PROPFIND", "", {"Depth: 0"})).status, 401);
     }
-}
-
-TEST(DavClientTest, CertificatesAreCheckedUnlessTheUserSaysOtherwise) {
-    WebDAVServer::Options options;
-    options.tls = true;
-    const auto server = serverOrSkip(Kind::Apache, options);
-    if (server == nullptr) {
-        GTEST_SKIP() << *WebDAVServer::unavailable(Kind::Apache, options);
-    }
-    const DavClient::Request probe = request("PROPFIND", "", {"Depth: 0"});
-    DavClient::Failure failure{};
-    std::string error;
-    DavClient strict(clientOf(*server));
-    EXPECT_FALSE(strict.perform(probe, &failure, &error));
-    EXPECT_EQ(failure, DavClient::Failure::Certificate);
-    EXPECT_NE(error.find("certificate cannot be trusted"), std::string::npos) << error;
-
-    auto trusting = clientOf(*server);
-    trusting.certificateAuthority = server->certificatePath();
-    DavClient told(trusting);
-    EXPECT_EQ(perform(told, probe).status, 207);
-    auto careless = clientOf(*server);
-    careless.allowUnverifiedCertificate = true;
-    DavClient allowed(careless);
-    EXPECT_EQ(perform(allowed, probe).status, 207);
 }
 
 TEST(DavClientTest, BusyOrGoneServersAreTriedAgainThenGivenUp) {
