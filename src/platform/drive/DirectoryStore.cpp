@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <random>
@@ -438,33 +437,7 @@ std::optional<DriveStore::Changes> DirectoryStore::changesSince(std::string_view
     if (!catchUpLocked(*account, error)) {
         return std::nullopt;
     }
-    const auto& index = account->index;
-    Changes changes;
-    changes.token = std::to_string(index.endOffset());
-    std::optional<std::vector<std::string>> paths;
-    if (!token.empty()) {
-        std::uint64_t offset = 0;
-        const auto [end, failed] =
-            std::from_chars(token.data(), token.data() + token.size(), offset);
-        if (failed == std::errc() && end == token.data() + token.size()) {
-            paths = index.pathsChangedAfter(offset);
-        }
-    }
-    if (!paths) {
-        changes.reset = true;
-        for (const auto& [path, entry] : index.entries()) {
-            changes.items.push_back(index.item(path, entry));
-        }
-        return changes;
-    }
-    for (const auto& path : *paths) {
-        if (const auto* entry = index.find(path)) {
-            changes.items.push_back(index.item(path, *entry));
-        } else {
-            changes.removedPaths.push_back(path);
-        }
-    }
-    return changes;
+    return changesAfter(account->index, token);
 }
 
 std::optional<DriveStore::Item> DirectoryStore::itemAtPath(std::string_view name,
@@ -644,19 +617,7 @@ std::optional<DriveStore::Item> DirectoryStore::upload(std::string_view name, st
     Item item;
     const auto committed = commitContents(
         name, path, fd, progress,
-        [&](const drive::StoreIndex& index) -> std::optional<Error> {
-            const auto* entry = index.find(path);
-            if (auto problem = unmet(entry, condition, path)) {
-                return problem;
-            }
-            if (entry != nullptr && entry->isDirectory) {
-                return notAFolder(path, "a folder is in the way of the file");
-            }
-            if (entry == nullptr && !index.parentIsFolder(path)) {
-                return notAFolder(path, "its parent is not a folder in the store");
-            }
-            return std::nullopt;
-        },
+        [&](const drive::StoreIndex& index) { return uploadRefusal(index, path, condition); },
         [&](StoreRecord& record) {
             record.kind = StoreRecord::Kind::Item;
             record.revision = record.blob;
@@ -685,21 +646,13 @@ std::optional<DriveStore::Item> DirectoryStore::makeDirectory(
     if (!writer.ready(error)) {
         return std::nullopt;
     }
-    const auto* entry = writer.index().find(path);
-    if (entry != nullptr && !entry->isDirectory) {
-        setError(error, notAFolder(path, "a file is in the way of the folder"));
+    std::optional<Item> existing;
+    if (auto refusal = folderRefusal(writer.index(), path, condition, &existing)) {
+        setError(error, std::move(*refusal));
         return std::nullopt;
     }
-    if (entry != nullptr && condition.kind != Condition::Kind::AtRevision) {
-        return writer.index().item(std::string(path), *entry);  // made twice: no conflict
-    }
-    if (auto problem = unmet(entry, condition, path)) {
-        setError(error, std::move(*problem));
-        return std::nullopt;
-    }
-    if (entry == nullptr && !writer.index().parentIsFolder(path)) {
-        setError(error, notAFolder(path, "its parent is not a folder in the store"));
-        return std::nullopt;
+    if (existing) {
+        return existing;
     }
     StoreRecord record;
     record.seq = writer.nextSeq();
@@ -725,16 +678,8 @@ bool DirectoryStore::remove(std::string_view name, std::string_view path,
     if (!writer.ready(error)) {
         return false;
     }
-    const auto* entry = writer.index().find(path);
-    if (entry == nullptr) {
-        return fail(error, noItem(path));
-    }
-    if (auto problem = unmet(entry, condition, path)) {
-        return fail(error, std::move(*problem));
-    }
-    if (entry->isDirectory && writer.index().hasItemsBelow(path)) {
-        return fail(error, storeError(DriveStoreErrorNotEmpty,
-                                      fmt::format("The folder \"{}\" is not empty.", path), path));
+    if (auto refusal = removalRefusal(writer.index(), path, condition)) {
+        return fail(error, std::move(*refusal));
     }
     StoreRecord record;
     record.seq = writer.nextSeq();
@@ -758,29 +703,8 @@ std::optional<DriveStore::Item> DirectoryStore::move(std::string_view name, std:
     if (!writer.ready(error)) {
         return std::nullopt;
     }
-    const auto* entry = writer.index().find(from);
-    if (entry == nullptr) {
-        setError(error, noItem(from));
-        return std::nullopt;
-    }
-    if (auto problem = unmet(entry, condition, from)) {
-        setError(error, std::move(*problem));
-        return std::nullopt;
-    }
-    if (const auto* there = writer.index().find(to)) {
-        setError(error, storeError(DriveStoreErrorExists,
-                                   fmt::format("A {} \"{}\" is already in the store.",
-                                               kindName(there->isDirectory), to),
-                                   to));
-        return std::nullopt;
-    }
-    if (to.starts_with(from) && to.size() > from.size() && to[from.size()] == '/') {
-        setError(error, storeError(DriveStoreErrorInvalidName,
-                                   fmt::format("\"{}\" cannot move into itself.", from), to));
-        return std::nullopt;
-    }
-    if (!writer.index().parentIsFolder(to)) {
-        setError(error, notAFolder(to, "its parent is not a folder in the store"));
+    if (auto refusal = moveRefusal(writer.index(), from, to, condition)) {
+        setError(error, std::move(*refusal));
         return std::nullopt;
     }
     StoreRecord record;
@@ -878,17 +802,7 @@ std::optional<std::vector<DriveStore::Version>> DirectoryStore::versions(std::st
     if (!catchUpLocked(*account, error)) {
         return std::nullopt;
     }
-    const auto* entry = account->index.find(path);
-    if (entry == nullptr) {
-        setError(error, noItem(path));
-        return std::nullopt;
-    }
-    std::vector<Version> found;
-    for (const auto& version : entry->versions) {
-        found.push_back(
-            {version.identifier, version.size, version.date, version.device, version.resolved});
-    }
-    return found;
+    return versionsIn(account->index, path, error);
 }
 
 bool DirectoryStore::downloadVersion(std::string_view name, std::string_view path,
@@ -916,16 +830,6 @@ bool DirectoryStore::downloadVersion(std::string_view name, std::string_view pat
     }
     return copyBlob(*account, blob, path, fd, nullptr, error);
 }
-
-namespace {
-
-bool hasVersion(const drive::StoreIndex::Entry* entry, std::string_view identifier) {
-    return entry != nullptr &&
-           std::any_of(entry->versions.begin(), entry->versions.end(),
-                       [&](const auto& version) { return version.identifier == identifier; });
-}
-
-}  // namespace
 
 bool DirectoryStore::setVersionResolved(std::string_view name, std::string_view path,
                                         std::string_view identifier, bool resolved, Error* error) {

@@ -2,7 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <random>
 
 namespace qn::drive {
@@ -88,6 +90,129 @@ std::optional<Error> unmet(const StoreIndex::Entry* entry, const DriveStore::Con
 
 Error notAFolder(std::string_view path, std::string_view what) {
     return storeError(DriveStoreErrorNotAFolder, fmt::format("\"{}\": {}.", path, what), path);
+}
+
+std::optional<Error> uploadRefusal(const StoreIndex& index, std::string_view path,
+                                   const DriveStore::Condition& condition) {
+    const auto* entry = index.find(path);
+    if (auto problem = unmet(entry, condition, path)) {
+        return problem;
+    }
+    if (entry != nullptr && entry->isDirectory) {
+        return notAFolder(path, "a folder is in the way of the file");
+    }
+    if (entry == nullptr && !index.parentIsFolder(path)) {
+        return notAFolder(path, "its parent is not a folder in the store");
+    }
+    return std::nullopt;
+}
+
+std::optional<Error> folderRefusal(const StoreIndex& index, std::string_view path,
+                                   const DriveStore::Condition& condition,
+                                   std::optional<DriveStore::Item>* existing) {
+    const auto* entry = index.find(path);
+    if (entry != nullptr && !entry->isDirectory) {
+        return notAFolder(path, "a file is in the way of the folder");
+    }
+    if (entry != nullptr && condition.kind != DriveStore::Condition::Kind::AtRevision) {
+        *existing = index.item(std::string(path), *entry);  // made twice: no conflict
+        return std::nullopt;
+    }
+    if (auto problem = unmet(entry, condition, path)) {
+        return problem;
+    }
+    if (entry == nullptr && !index.parentIsFolder(path)) {
+        return notAFolder(path, "its parent is not a folder in the store");
+    }
+    return std::nullopt;
+}
+
+std::optional<Error> removalRefusal(const StoreIndex& index, std::string_view path,
+                                    const DriveStore::Condition& condition) {
+    const auto* entry = index.find(path);
+    if (entry == nullptr) {
+        return noItem(path);
+    }
+    if (auto problem = unmet(entry, condition, path)) {
+        return problem;
+    }
+    if (entry->isDirectory && index.hasItemsBelow(path)) {
+        return storeError(DriveStoreErrorNotEmpty,
+                          fmt::format("The folder \"{}\" is not empty.", path), path);
+    }
+    return std::nullopt;
+}
+
+std::optional<Error> moveRefusal(const StoreIndex& index, std::string_view from,
+                                 std::string_view to, const DriveStore::Condition& condition) {
+    const auto* entry = index.find(from);
+    if (entry == nullptr) {
+        return noItem(from);
+    }
+    if (auto problem = unmet(entry, condition, from)) {
+        return problem;
+    }
+    if (const auto* there = index.find(to)) {
+        return storeError(
+            DriveStoreErrorExists,
+            fmt::format("A {} \"{}\" is already in the store.", kindName(there->isDirectory), to),
+            to);
+    }
+    if (to.starts_with(from) && to.size() > from.size() && to[from.size()] == '/') {
+        return storeError(DriveStoreErrorInvalidName,
+                          fmt::format("\"{}\" cannot move into itself.", from), to);
+    }
+    if (!index.parentIsFolder(to)) {
+        return notAFolder(to, "its parent is not a folder in the store");
+    }
+    return std::nullopt;
+}
+
+bool hasVersion(const StoreIndex::Entry* entry, std::string_view identifier) {
+    return entry != nullptr &&
+           std::any_of(entry->versions.begin(), entry->versions.end(),
+                       [&](const auto& version) { return version.identifier == identifier; });
+}
+
+std::optional<std::vector<DriveStore::Version>> versionsIn(const StoreIndex& index,
+                                                           std::string_view path, Error* error) {
+    const auto* entry = index.find(path);
+    if (entry == nullptr) {
+        setError(error, noItem(path));
+        return std::nullopt;
+    }
+    std::vector<DriveStore::Version> found;
+    for (const auto& version : entry->versions) {
+        found.push_back(
+            {version.identifier, version.size, version.date, version.device, version.resolved});
+    }
+    return found;
+}
+
+DriveStore::Changes changesAfter(const StoreIndex& index, std::string_view token) {
+    DriveStore::Changes changes;
+    changes.token = std::to_string(index.endOffset());
+    std::optional<std::vector<std::string>> paths;
+    std::uint64_t offset = 0;
+    const auto [end, failed] = std::from_chars(token.data(), token.data() + token.size(), offset);
+    if (!token.empty() && failed == std::errc() && end == token.data() + token.size()) {
+        paths = index.pathsChangedAfter(offset);
+    }
+    if (!paths) {
+        changes.reset = true;
+        for (const auto& [path, entry] : index.entries()) {
+            changes.items.push_back(index.item(path, entry));
+        }
+        return changes;
+    }
+    for (const auto& path : *paths) {
+        if (const auto* entry = index.find(path)) {
+            changes.items.push_back(index.item(path, *entry));
+        } else {
+            changes.removedPaths.push_back(path);
+        }
+    }
+    return changes;
 }
 
 }  // namespace qn::drive

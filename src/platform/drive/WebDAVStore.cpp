@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <map>
 #include <thread>
 #include <vector>
@@ -674,30 +673,7 @@ std::optional<DriveStore::Changes> WebDAVStore::changesSince(std::string_view na
         return std::nullopt;
     }
     std::lock_guard lock(account->mutex);
-    const auto& index = account->index;
-    Changes changes;
-    changes.token = std::to_string(index.lastSeq());
-    std::optional<std::vector<std::string>> paths;
-    std::uint64_t seq = 0;
-    const auto [end, failed] = std::from_chars(token.data(), token.data() + token.size(), seq);
-    if (!token.empty() && failed == std::errc() && end == token.data() + token.size()) {
-        paths = index.pathsChangedAfter(seq);
-    }
-    if (!paths) {
-        changes.reset = true;
-        for (const auto& [path, entry] : index.entries()) {
-            changes.items.push_back(index.item(path, entry));
-        }
-        return changes;
-    }
-    for (const auto& path : *paths) {
-        if (const auto* entry = index.find(path)) {
-            changes.items.push_back(index.item(path, *entry));
-        } else {
-            changes.removedPaths.push_back(path);
-        }
-    }
-    return changes;
+    return changesAfter(account->index, token);
 }
 
 std::optional<DriveStore::Item> WebDAVStore::itemAtPath(std::string_view name,
@@ -952,23 +928,18 @@ std::optional<DriveStore::Item> WebDAVStore::commitContents(
         return std::nullopt;
     }
     const auto* entry = writer.index().find(path);
-    if (condition == nullptr) {
-        // A conflict version: kept beside a file.
-        if (entry == nullptr || entry->isDirectory) {
-            setError(error,
-                     storeError(DriveStoreErrorNotFound,
-                                fmt::format("There is no file \"{}\" in the store.", path), path));
+    if (condition == nullptr && (entry == nullptr || entry->isDirectory)) {
+        // A conflict version is kept beside a file.
+        setError(error,
+                 storeError(DriveStoreErrorNotFound,
+                            fmt::format("There is no file \"{}\" in the store.", path), path));
+        return std::nullopt;
+    }
+    if (condition != nullptr) {
+        if (auto refusal = uploadRefusal(writer.index(), path, *condition)) {
+            setError(error, std::move(*refusal));
             return std::nullopt;
         }
-    } else if (auto problem = unmet(entry, *condition, path)) {
-        setError(error, std::move(*problem));
-        return std::nullopt;
-    } else if (entry != nullptr && entry->isDirectory) {
-        setError(error, notAFolder(path, "a folder is in the way of the file"));
-        return std::nullopt;
-    } else if (entry == nullptr && !writer.index().parentIsFolder(path)) {
-        setError(error, notAFolder(path, "its parent is not a folder in the store"));
-        return std::nullopt;
     }
     const std::uint64_t seq = writer.nextSeq();
     std::string target = account->remote(path);
@@ -1035,21 +1006,13 @@ std::optional<DriveStore::Item> WebDAVStore::makeDirectory(std::string_view name
     if (!writer.ready(error) || !reconcile(writer, *client_, account->remote(path), path, error)) {
         return std::nullopt;
     }
-    const auto* entry = writer.index().find(path);
-    if (entry != nullptr && !entry->isDirectory) {
-        setError(error, notAFolder(path, "a file is in the way of the folder"));
+    std::optional<Item> existing;
+    if (auto refusal = folderRefusal(writer.index(), path, condition, &existing)) {
+        setError(error, std::move(*refusal));
         return std::nullopt;
     }
-    if (entry != nullptr && condition.kind != Condition::Kind::AtRevision) {
-        return writer.index().item(std::string(path), *entry);  // made twice: no conflict
-    }
-    if (auto problem = unmet(entry, condition, path)) {
-        setError(error, std::move(*problem));
-        return std::nullopt;
-    }
-    if (entry == nullptr && !writer.index().parentIsFolder(path)) {
-        setError(error, notAFolder(path, "its parent is not a folder in the store"));
-        return std::nullopt;
+    if (existing) {
+        return existing;
     }
     const auto made = call(*client_, request("MKCOL", account->remote(path)), error);
     if (!made) {
@@ -1086,17 +1049,10 @@ bool WebDAVStore::remove(std::string_view name, std::string_view path, const Con
     if (!writer.ready(error) || !reconcile(writer, *client_, account->remote(path), path, error)) {
         return false;
     }
+    if (auto refusal = removalRefusal(writer.index(), path, condition)) {
+        return fail(error, std::move(*refusal));
+    }
     const auto* entry = writer.index().find(path);
-    if (entry == nullptr) {
-        return fail(error, noItem(path));
-    }
-    if (auto problem = unmet(entry, condition, path)) {
-        return fail(error, std::move(*problem));
-    }
-    if (entry->isDirectory && writer.index().hasItemsBelow(path)) {
-        return fail(error, storeError(DriveStoreErrorNotEmpty,
-                                      fmt::format("The folder \"{}\" is not empty.", path), path));
-    }
     std::vector<std::string> doomed{account->remote(path)};
     if (!entry->isDirectory) {
         doomed.push_back(account->remote(versionsOf(path)));
@@ -1132,31 +1088,11 @@ std::optional<DriveStore::Item> WebDAVStore::move(std::string_view name, std::st
         !reconcile(writer, *client_, account->remote(to), to, error)) {
         return std::nullopt;
     }
+    if (auto refusal = moveRefusal(writer.index(), from, to, condition)) {
+        setError(error, std::move(*refusal));
+        return std::nullopt;
+    }
     const auto* entry = writer.index().find(from);
-    if (entry == nullptr) {
-        setError(error, noItem(from));
-        return std::nullopt;
-    }
-    if (auto problem = unmet(entry, condition, from)) {
-        setError(error, std::move(*problem));
-        return std::nullopt;
-    }
-    if (const auto* there = writer.index().find(to)) {
-        setError(error, storeError(DriveStoreErrorExists,
-                                   fmt::format("A {} \"{}\" is already in the store.",
-                                               kindName(there->isDirectory), to),
-                                   to));
-        return std::nullopt;
-    }
-    if (to.starts_with(from) && to.size() > from.size() && to[from.size()] == '/') {
-        setError(error, storeError(DriveStoreErrorInvalidName,
-                                   fmt::format("\"{}\" cannot move into itself.", from), to));
-        return std::nullopt;
-    }
-    if (!writer.index().parentIsFolder(to)) {
-        setError(error, notAFolder(to, "its parent is not a folder in the store"));
-        return std::nullopt;
-    }
     const bool hasVersions = !entry->isDirectory && !entry->versions.empty();
     const auto moved =
         call(*client_,
@@ -1206,7 +1142,12 @@ std::optional<DriveStore::Version> WebDAVStore::addConflictVersion(std::string_v
     }
     const auto account = this->account(name, error);
     std::lock_guard lock(account->mutex);
-    const auto& version = account->index.find(path)->versions.back();
+    const auto* entry = account->index.find(path);
+    if (entry == nullptr || entry->versions.empty()) {  // removed meanwhile by another thread
+        setError(error, noItem(path));
+        return std::nullopt;
+    }
+    const auto& version = entry->versions.back();
     return Version{version.identifier, version.size, version.date, version.device, false};
 }
 
@@ -1221,17 +1162,7 @@ std::optional<std::vector<DriveStore::Version>> WebDAVStore::versions(std::strin
     if (!catchUpLocked(*account, error)) {
         return std::nullopt;
     }
-    const auto* entry = account->index.find(path);
-    if (entry == nullptr) {
-        setError(error, noItem(path));
-        return std::nullopt;
-    }
-    std::vector<Version> found;
-    for (const auto& version : entry->versions) {
-        found.push_back(
-            {version.identifier, version.size, version.date, version.device, version.resolved});
-    }
-    return found;
+    return versionsIn(account->index, path, error);
 }
 
 bool WebDAVStore::downloadVersion(std::string_view name, std::string_view path,
@@ -1245,10 +1176,7 @@ bool WebDAVStore::downloadVersion(std::string_view name, std::string_view path,
         if (!catchUpLocked(*account, error)) {
             return false;
         }
-        const auto* entry = account->index.find(path);
-        if (entry == nullptr ||
-            std::none_of(entry->versions.begin(), entry->versions.end(),
-                         [&](const auto& version) { return version.identifier == identifier; })) {
+        if (!hasVersion(account->index.find(path), identifier)) {
             return fail(error, noVersion(path, identifier));
         }
     }
@@ -1277,10 +1205,7 @@ bool WebDAVStore::changeVersion(std::string_view name, std::string_view path,
     if (!writer.ready(error)) {
         return false;
     }
-    const auto* entry = writer.index().find(path);
-    if (entry == nullptr ||
-        std::none_of(entry->versions.begin(), entry->versions.end(),
-                     [&](const auto& version) { return version.identifier == identifier; })) {
+    if (!hasVersion(writer.index().find(path), identifier)) {
         return fail(error, noVersion(path, identifier));
     }
     if (!resolve) {
