@@ -57,7 +57,9 @@ TEST(QNiCloudCacheTest, PathHashIsFnv1OverLowercaseComposedBytes) {
 }
 
 // The cache cuts absolute paths itself when it can; every spelling must give what the utility
-// functions give (the cached directory itself naming the root).
+// functions give (the cached directory itself naming the root). Case variants, "." and ".." and
+// decomposed names below an ASCII base are the move and copy test's random walk; here, the bases
+// it does not use and spellings of the base itself.
 TEST(QNiCloudCacheTest, AbsolutePathsAreCutAsTheUtilitiesCutThem) {
     for (const std::string base : {"/", kBase, "/Users/Jos\u00E9/Docs", "/Users/Jose\u0301/Docs"}) {
         SCOPED_TRACE(base);
@@ -66,16 +68,13 @@ TEST(QNiCloudCacheTest, AbsolutePathsAreCutAsTheUtilitiesCutThem) {
         const std::string& stored = cache->cachedDirectoryPath();
         std::vector<std::string> spellings = {stored, stored + "/", "/elsewhere/a", "relative/a",
                                               ""};
-        for (const std::string relative : {"/a", "/a/B/c.txt", "/\u00C9t\u00E9/R\u00E9sum\u00E9",
-                                           "/x/\u65E5\u672C", "/x/.hidden", "/x/..name"}) {
+        for (const std::string relative : {"/a/B/c.txt", "/\u00C9t\u00E9/R\u00E9sum\u00E9"}) {
             const std::string path = stored == "/" ? relative : stored + relative;
             std::string upper = path;
             std::transform(upper.begin(), upper.end(), upper.begin(),
                            [](char c) { return c >= 'a' && c <= 'z' ? c - 32 : c; });
-            spellings.insert(
-                spellings.end(),
-                {path, path + "/", upper, stored + "//" + relative, stored + "/./" + relative,
-                 stored + "/q/.." + relative, path + "/..", path + "/.", path + "\u0301"});
+            spellings.insert(spellings.end(), {path + "/", upper, stored + "//" + relative,
+                                               stored + "/q/.." + relative, path + "\u0301"});
         }
         for (const std::string& path : spellings) {
             std::string cut = qn::stringByDeletingBeginningOfPath(path, stored);

@@ -148,16 +148,13 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, UpdatesReportEveryKindOfChange)
     };
     set("fetch.txt", SimulatedItemState::notDownloaded("f", kDay));
     set("edit.txt", SimulatedItemState::downloaded("e", kDay));
-    set("push.txt", SimulatedItemState::downloaded("p", kDay));
-    update("push.txt", [](SimulatedItemState& s) { s.uploaded = false, s.percentUploaded = 0; });
     set("gone.txt", SimulatedItemState::downloaded("g", kDay));
     set("stays.txt", SimulatedItemState::downloaded("s", kDay));
     set("Sub/deep.txt", SimulatedItemState::notDownloaded("d", kDay));
     startPresenter();
     initialize();
 
-    // A download: started, progress (not logged at info), done; an upload started and on its
-    // way; then new content.
+    // A download: started, progress (not logged at info), done; then new content.
     cloud->setDefaultDownloadBehavior(SimulatedDownloadBehavior::progressive());
     ASSERT_TRUE(cloud->startDownloading(documentURL("fetch.txt"), nullptr));
     deliver();
@@ -165,15 +162,11 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, UpdatesReportEveryKindOfChange)
     deliver();
     cloud->advanceDownload(documentURL("fetch.txt"), 100);
     deliver();
-    update("push.txt", [](SimulatedItemState& s) { s.uploading = true, s.percentUploaded = 10; });
-    deliver();
-    update("push.txt", [](SimulatedItemState& s) { s.percentUploaded = 70; });
-    deliver();
     update("edit.txt", [](SimulatedItemState& s) { s.contentChangeDate = Date(9e8); });
     deliver();
     EXPECT_EQ(fileEvents(), (std::vector<std::string>{"fetch.txt:2", "fetch.txt:3", "fetch.txt:1",
-                                                      "push.txt:5", "push.txt:6", "edit.txt:9"}));
-    EXPECT_EQ(logCount(LogLevel::Info, "Presented subitem did change at path"), 4u);
+                                                      "edit.txt:9"}));
+    EXPECT_EQ(logCount(LogLevel::Info, "Presented subitem did change at path"), 3u);
 
     // Appearances (a package is a file), broken and strange items, and removals.
     received.clear();
@@ -202,9 +195,8 @@ TEST_F(QNiCloudDocumentsPresenterCacheQueryTest, UpdatesReportEveryKindOfChange)
                                             documentPath("New.pages") + ". Metadata item = <"),
               1u);
     EXPECT_TRUE(log.contains(LogLevel::Debug, "Start comparison."));
-    EXPECT_EQ(cachedPaths(),
-              (std::vector<std::string>{"New.pages", "Sub", "Sub/deep.txt", "edit.txt", "fetch.txt",
-                                        "push.txt", "stays.txt"}));
+    EXPECT_EQ(cachedPaths(), (std::vector<std::string>{"New.pages", "Sub", "Sub/deep.txt",
+                                                       "edit.txt", "fetch.txt", "stays.txt"}));
     // The evicted broken item comes back as a cloud-only file; the unreported item goes once its
     // file is gone from disk too.
     received.clear();

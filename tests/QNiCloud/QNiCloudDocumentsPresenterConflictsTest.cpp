@@ -159,9 +159,6 @@ TEST_F(QNiCloudDocumentsPresenterConflictsTest, FlagsFollowTheCheckAndChangesAre
     const URL invalid = document("invalid.txt", {"text"});
     QNiCloudMetadataItem flagged;
     flagged.setHasUnresolvedConflicts(true);
-    EXPECT_FALSE(
-        presenter->updateHasUnresolvedConflictsFlagIfNecessaryForMetadataItem(flagged, real));
-    EXPECT_TRUE(flagged.hasUnresolvedConflicts());
     EXPECT_TRUE(
         presenter->updateHasUnresolvedConflictsFlagIfNecessaryForMetadataItem(flagged, invalid));
     EXPECT_FALSE(flagged.hasUnresolvedConflicts());

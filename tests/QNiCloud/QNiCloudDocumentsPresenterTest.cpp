@@ -188,10 +188,9 @@ TEST_F(QNiCloudDocumentsPresenterTest, ChecksDocumentsAccessAndMapsThreadPriorit
     };
     using Q = QualityOfService;
     // Each bound falls into the lower class; beyond 1.0 the index truncates toward zero.
-    const std::pair<double, Q> expected[] = {
-        {1.0, Q::UserInteractive}, {0.76, Q::UserInteractive}, {0.75, Q::UserInitiated},
-        {0.5, Q::Utility},         {0.26, Q::Utility},         {0.25, Q::Background},
-        {-3.0, Q::Background},     {NAN, Q::Background},       {1.2, Q::UserInteractive}};
+    const std::pair<double, Q> expected[] = {{0.76, Q::UserInteractive}, {0.75, Q::UserInitiated},
+                                             {0.5, Q::Utility},          {0.25, Q::Background},
+                                             {NAN, Q::Background},       {1.2, Q::UserInteractive}};
     for (const auto& [priority, quality] : expected) {
         EXPECT_EQ(qualityFor(priority), quality) << priority;
     }

@@ -20,7 +20,6 @@ TEST(QNiCloudExtensionsTest, DownloadingStatusDecidesAndOldFlagOnlyFillsIn) {
         {qn::NSURLUbiquitousItemDownloadingStatusDownloaded, true, false},  // outdated copy
         {qn::NSURLUbiquitousItemDownloadingStatusNotDownloaded, true, false},
         {nullptr, true, true},
-        {nullptr, 0.0, false},
         {nullptr, nullptr, false},
     };
     for (const auto& c : cases) {
@@ -62,24 +61,6 @@ TEST(QNiCloudExtensionsTest, AbsentOrUnreadableAttributesGiveTheDefaults) {
     EXPECT_TRUE(o.isUploading());
     EXPECT_EQ(o.fsSize(), qn::Value(12.5));
     EXPECT_FALSE(o.isUbiquitous());
-}
-
-// The transfer and conflict flags, percentages and content date reach the presenter's snapshots
-// in the synchronisation tests; these accessors do not.
-TEST(QNiCloudExtensionsTest, EachAccessorReadsItsOwnAttribute) {
-    const qn::MetadataItem item(qn::Dictionary{
-        {qn::NSMetadataItemFSNameKey, "fs"},
-        {qn::NSMetadataItemDisplayNameKey, "shown"},
-        {qn::NSMetadataItemURLKey, qn::URL::fileURLWithPath("/u")},
-        {qn::NSMetadataItemFSCreationDateKey, qn::Date(1)},
-        {qn::NSMetadataItemIsUbiquitousKey, true},
-    });
-    const QNiCloudExtensions e(item);
-    EXPECT_EQ(e.fsName(), "fs");
-    EXPECT_EQ(e.displayName(), "shown");
-    EXPECT_EQ(e.URL(), qn::URL::fileURLWithPath("/u"));
-    EXPECT_EQ(e.fsCreationDate(), qn::Date(1));
-    EXPECT_TRUE(e.isUbiquitous());
 }
 
 TEST(QNiCloudExtensionsTest, AttributesDictionaryHoldsListedAttributesThatHaveValues) {
