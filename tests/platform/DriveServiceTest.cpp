@@ -235,7 +235,7 @@ TEST_P(DriveServiceTest, MovesRemovalsAndEvictionTravel) {
     EXPECT_FALSE(a.downloaded("keep.txt"));
     ASSERT_TRUE(b.drive->startDownloading(b.url("keep.txt"), nullptr));
     settle();
-    b.drive->setSyncPaused(true);
+    b.drive->setSyncPaused(true);  // the pass under way ends first: nothing is sent after this
     write(b.path("keep.txt"), "changed");
     EXPECT_FALSE(b.drive->evict(b.url("keep.txt"), &error));
     EXPECT_NE(error.description().find("not uploaded"), std::string::npos);

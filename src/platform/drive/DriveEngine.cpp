@@ -624,8 +624,13 @@ void DriveEngine::wake() {
 
 void DriveEngine::setPaused(bool paused) {
     {
-        std::lock_guard lock(mutex_);
+        std::unique_lock lock(mutex_);
         paused_ = paused;
+        // Paused means nothing more is sent or fetched once this returns: the pass under way
+        // abandons its transfer and ends first (unless this is that pass calling).
+        if (paused && std::this_thread::get_id() != engineThread_) {
+            changed_.wait(lock, [&] { return !inPass_; });
+        }
     }
     wake();
 }
@@ -633,6 +638,11 @@ void DriveEngine::setPaused(bool paused) {
 bool DriveEngine::stopping() const {
     std::lock_guard lock(mutex_);
     return stopping_;
+}
+
+bool DriveEngine::stopTransfers() const {
+    std::lock_guard lock(mutex_);
+    return stopping_ || paused_;
 }
 
 bool DriveEngine::waitUntilIdle(std::chrono::milliseconds timeout) {
@@ -666,9 +676,13 @@ void DriveEngine::run() {
         {
             std::lock_guard lock(mutex_);
             paused = paused_;
+            inPass_ = !paused;
         }
         if (!paused) {
             pass();
+            std::lock_guard lock(mutex_);
+            inPass_ = false;
+            changed_.notify_all();
         }
         deliverFeeds();
         {

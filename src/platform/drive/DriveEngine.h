@@ -104,6 +104,8 @@ private:
     void pass();
     void deliverFeeds();
     bool stopping() const;
+    // Whether a transfer under way should stop: the engine is stopping or sync was paused.
+    bool stopTransfers() const;
 
     // One pass (DriveSync.cpp), with `accountMutex_` held.
     void applyRemoteChanges();
@@ -157,6 +159,7 @@ private:
     std::uint64_t lastFeedId_ = 0;
     bool woken_ = false;
     bool paused_ = false;
+    bool inPass_ = false;  // the engine thread is in a pass; a pause waits for it to end
     bool stopping_ = false;
     bool busy_ = false;  // work is known to be left (a failed transfer to retry, a wake)
     std::uint64_t passes_ = 0;

@@ -554,7 +554,7 @@ void DriveEngine::upload(const std::string& path) {
             changedPaths_.insert(path);
         }
         deliverFeeds();
-        return !stopping();  // a stopping engine sends the rest next time
+        return !stopTransfers();  // a stopping or paused engine sends the rest next time
     };
     Error error;
     const auto item = options_.store->upload(*account_, path, fd, condition, dateOf(identity),
@@ -810,8 +810,8 @@ bool DriveEngine::download(const std::string& path) {
         }
         deliverFeeds();
         // A stopping engine abandons the download, as it forgets the ones not started: the host
-        // asks again when it wants the file.
-        return !stopping();
+        // asks again when it wants the file. A paused one fetches it when it goes on.
+        return !stopTransfers();
     };
     Error error;
     bool fetched = options_.store->download(*account_, path, revision, fd, progress, &error);
@@ -854,7 +854,7 @@ bool DriveEngine::download(const std::string& path) {
         }
         changedPaths_.insert(path);
     }
-    if (!fetched) {
+    if (!fetched && error.code() != DriveStoreErrorCancelled) {
         logger().warn("The drive could not download \"{}\": {}", path, error);
     }
     record(path);

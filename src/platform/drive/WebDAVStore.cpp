@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <map>
+#include <random>
 #include <thread>
 #include <vector>
 
@@ -20,6 +21,7 @@
 namespace qn {
 
 using namespace drive;  // the shared errors and checks, the records and their index
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -255,17 +257,7 @@ class WebDAVStore::Writer {
 public:
     Writer(WebDAVStore& store, Account& account)
         : store_(store), account_(account), writing_(account.writeMutex) {
-        std::string why;
-        if (auto got =
-                DavLock::acquire(*store.client_, account.hidden("lock"), store.options_.lockTimeout,
-                                 store.options_.lockTimeout, "qnicloud", &why)) {
-            lock_.emplace(std::move(*got));
-        } else {
-            error_ =
-                storeError(store.isReachable() ? DriveStoreErrorIO : DriveStoreErrorUnreachable,
-                           fmt::format("Could not lock the account \"{}\" on the server: {}.",
-                                       account.name, why),
-                           "");
+        if (!claim()) {
             return;
         }
         state_ = std::unique_lock(account.mutex);
@@ -275,7 +267,10 @@ public:
         if (state_.owns_lock()) {
             state_.unlock();
         }
-        lock_.reset();  // UNLOCK, after the state is let go
+        if (claimed_) {
+            call(*store_.client_, request("DELETE", account_.hidden("claim")), nullptr);
+        }
+        lock_.reset();  // UNLOCK, after the state and the claim are let go
     }
 
     bool ready(Error* error) const {
@@ -328,10 +323,64 @@ public:
     }
 
 private:
+    // Takes the account's WebDAV lock, then claims it by making the "claim" collection. The lock
+    // expires with a device that dies; the claim makes it exclusive on servers that grant one
+    // lock twice under concurrent requests (Apache's lock database does, now and then), since
+    // making a collection succeeds once. A claim older than the lock's time-out was left by a
+    // dead device and is taken away.
+    bool claim() {
+        auto& client = *store_.client_;
+        const auto timeout = store_.options_.lockTimeout;
+        const auto end = std::chrono::steady_clock::now() + timeout;
+        std::mt19937 random(std::random_device{}());
+        for (std::chrono::milliseconds pause(10);; pause = std::min(pause * 2, 500ms)) {
+            std::string why;
+            if (auto got = DavLock::acquire(client, account_.hidden("lock"), timeout,
+                                            std::chrono::duration_cast<std::chrono::milliseconds>(
+                                                end - std::chrono::steady_clock::now()),
+                                            "qnicloud", &why)) {
+                lock_.emplace(std::move(*got));
+            } else {
+                error_ = storeError(
+                    store_.isReachable() ? DriveStoreErrorIO : DriveStoreErrorUnreachable,
+                    fmt::format("Could not lock the account \"{}\" on the server: {}.",
+                                account_.name, why),
+                    "");
+                return false;
+            }
+            const auto made = call(client, request("MKCOL", account_.hidden("claim")), &error_);
+            if (!made) {
+                return false;
+            }
+            if (succeeded(*made)) {
+                claimed_ = true;
+                return true;
+            }
+            const auto held = propfind(client, account_.hidden("claim"), 0, nullptr);
+            const double now = Date::now().timeIntervalSince1970();
+            if (held && !held->empty() && held->front().lastModified &&
+                *held->front().lastModified < now - static_cast<double>(timeout.count())) {
+                call(client, request("DELETE", account_.hidden("claim")), nullptr);
+            }
+            lock_.reset();
+            if (std::chrono::steady_clock::now() + pause > end) {
+                error_ = storeError(DriveStoreErrorIO,
+                                    fmt::format("Could not lock the account \"{}\" on the server: "
+                                                "another device holds it.",
+                                                account_.name),
+                                    "");
+                return false;
+            }
+            std::this_thread::sleep_for(pause +
+                                        std::chrono::milliseconds(random() % pause.count()));
+        }
+    }
+
     WebDAVStore& store_;
     Account& account_;
     std::lock_guard<std::mutex> writing_;
     std::optional<DavLock> lock_;
+    bool claimed_ = false;
     std::unique_lock<std::mutex> state_;
     bool ready_ = false;
     Error error_;
