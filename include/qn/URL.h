@@ -33,7 +33,8 @@ public:
     static URL fileURLWithPath(std::string_view path);
     /// Parses "file:///absolute/path" or "file://localhost/absolute/path", percent-decoding
     /// the path; a trailing "/" makes it a directory URL. Returns nullopt for any other scheme
-    /// or host, a missing path, a query or fragment, a bad percent escape or an encoded NUL.
+    /// or host, a missing path, a query or fragment, a bad percent escape or a NUL (encoded or
+    /// not).
     static std::optional<URL> fromString(std::string_view string);
 
     bool isEmpty() const noexcept { return path_.empty(); }

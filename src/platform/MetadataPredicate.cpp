@@ -12,12 +12,14 @@ bool matches(std::string_view text, std::string_view pattern) {
     std::size_t starP = std::string_view::npos;
     std::size_t starT = 0;
     while (t < text.size()) {
-        if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
-            ++t;
-            ++p;
-        } else if (p < pattern.size() && pattern[p] == '*') {
+        // A "*" is a wildcard even where the text holds a "*" too: taken as that character, it
+        // would leave no point to come back to.
+        if (p < pattern.size() && pattern[p] == '*') {
             starP = p++;
             starT = t;
+        } else if (p < pattern.size() && (pattern[p] == '?' || pattern[p] == text[t])) {
+            ++t;
+            ++p;
         } else if (starP != std::string_view::npos) {
             p = starP + 1;
             t = ++starT;

@@ -104,7 +104,9 @@ std::optional<URL> URL::fromString(std::string_view string) {
     if (startsWithIgnoringCase(rest, "localhost")) {
         rest.remove_prefix(9);
     }
-    if (!isAbsolute(rest) || rest.find_first_of("?#") != std::string_view::npos) {
+    // A NUL names no file, whether it comes encoded or raw.
+    if (!isAbsolute(rest) ||
+        rest.find_first_of(std::string_view("?#\0", 3)) != std::string_view::npos) {
         return std::nullopt;
     }
     std::string path;

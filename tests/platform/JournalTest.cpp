@@ -3,6 +3,7 @@
 // cannot trust instead of starting afresh.
 
 #include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <fstream>
 #include <stdexcept>
@@ -101,6 +102,24 @@ TEST(JournalTest, RefusesFilesItCannotTrustAndLeavesThemAlone) {
     EXPECT_EQ(Journal::open(damaged, &error), nullptr);
     EXPECT_EQ(error.code(), NSFileReadCorruptFileError);
     EXPECT_EQ(test::readFile(damaged), before);
+
+    // One that passes the check but cannot be written (its header says a newer format writes
+    // it) and has lost its settings: refused, not thrown out of `open` (found by fuzzing).
+    const std::string readOnly = directory.path() + "/read-only.sqlite";
+    Journal::open(readOnly, nullptr).reset();
+    sqlite3* database = nullptr;
+    ASSERT_EQ(sqlite3_open(readOnly.c_str(), &database), SQLITE_OK);
+    sqlite3_exec(database, "DELETE FROM settings; PRAGMA journal_mode=DELETE;", nullptr, nullptr,
+                 nullptr);
+    sqlite3_close(database);
+    {
+        std::fstream bytes(readOnly, std::ios::in | std::ios::out | std::ios::binary);
+        bytes.seekp(18);  // the file format's write version
+        bytes << '\x03';
+    }
+    EXPECT_EQ(Journal::open(readOnly, &error), nullptr);
+    EXPECT_NE(error.localizedDescription().find("readonly"), std::string::npos)
+        << error.localizedDescription();
 }
 
 }  // namespace

@@ -237,6 +237,10 @@ TEST(MetadataPredicateTest, LikePatternsMatchTheAttributeText) {
     ASSERT_TRUE(pages);
     EXPECT_TRUE(pages->evaluate(*item("/D/x/y.pages")));
     EXPECT_FALSE(pages->evaluate(*item("/D/y.pagesx")));
+    // A "*" in the text does not stop the pattern's "*" from matching a run (found by fuzzing).
+    const qn::MetadataPredicate starred(qn::NSMetadataItemPathKey, "*:?*");
+    EXPECT_TRUE(starred.evaluate(*item("x*:y")));
+    EXPECT_TRUE(qn::MetadataPredicate(qn::NSMetadataItemPathKey, "*a").evaluate(*item("*ba")));
     EXPECT_FALSE(qn::MetadataPredicate::predicateWithFormat("%K == 1", "k"));
 }
 

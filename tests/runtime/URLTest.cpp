@@ -74,6 +74,8 @@ TEST(URLTest, AbsoluteStringRoundTripsThroughFromString) {
                             "file:///a%00", "file:///a?q"}) {
         EXPECT_EQ(qn::URL::fromString(bad), std::nullopt) << bad;
     }
+    // A raw NUL too (found by fuzzing: the URL's own text, with it encoded, did not read back).
+    EXPECT_EQ(qn::URL::fromString(std::string_view("file:///a\0b", 11)), std::nullopt);
 }
 
 TEST(URLTest, FileURLWithPathAsksTheFileSystemAndResolvesRelativePaths) {

@@ -156,11 +156,18 @@ std::unique_ptr<Journal> Journal::open(const std::string& file, Error* error) {
         return refuse(why);
     }
     std::unique_ptr<Journal> journal(new Journal(database, file));
-    const std::string schema = journal->value("schema");
-    if (schema.empty()) {
-        journal->setValue("schema", kSchemaVersion);
-    } else if (schema != kSchemaVersion) {
-        database = nullptr;  // closed by the journal
+    database = nullptr;  // closed by the journal from here on
+    std::string schema;
+    try {
+        schema = journal->value("schema");
+        if (schema.empty()) {
+            journal->setValue("schema", kSchemaVersion);
+        }
+    } catch (const std::runtime_error& failure) {
+        // A damaged file can pass the quick check and still refuse to be read or written.
+        return refuse(failure.what());
+    }
+    if (!schema.empty() && schema != kSchemaVersion) {
         setError(error, Error(NSCocoaErrorDomain, NSFileReadCorruptFileError,
                               {{NSLocalizedDescriptionKey,
                                 fmt::format("The drive's journal \"{}\" has version {}, which "
