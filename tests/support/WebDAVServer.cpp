@@ -994,8 +994,8 @@ std::optional<FaultProxy::Fault> FaultProxy::takeFault(const std::string& method
         if ((it->match.method.empty() || it->match.method == method) &&
             (it->match.path.empty() || it->match.path == path ||
              (it->match.path.ends_with('*') &&
-              path.starts_with(std::string_view(it->match.path).substr(
-                  0, it->match.path.size() - 1))))) {
+              path.starts_with(
+                  std::string_view(it->match.path).substr(0, it->match.path.size() - 1))))) {
             Fault fault = std::move(it->fault);
             faults_.erase(it);
             return fault;
