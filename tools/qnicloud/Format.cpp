@@ -68,17 +68,38 @@ std::string fit(std::string_view text, std::size_t width) {
     return std::string(text.substr(0, cut)) + "…";
 }
 
-std::string fitEnd(std::string_view text, std::size_t width) {
-    std::vector<std::size_t> starts;  // where each character begins
+namespace {
+
+// Where each UTF-8 character of `text` begins.
+std::vector<std::size_t> characterStarts(std::string_view text) {
+    std::vector<std::size_t> starts;
     for (std::size_t i = 0; i < text.size(); ++i) {
         if ((static_cast<unsigned char>(text[i]) & 0xC0) != 0x80) {
             starts.push_back(i);
         }
     }
+    return starts;
+}
+
+}  // namespace
+
+std::string fitEnd(std::string_view text, std::size_t width) {
+    const auto starts = characterStarts(text);
     if (starts.size() <= width || width == 0) {
         return fit(text, width);
     }
     return "…" + std::string(text.substr(starts[starts.size() - (width - 1)]));
+}
+
+std::string fitMiddle(std::string_view text, std::size_t width) {
+    const auto starts = characterStarts(text);
+    if (starts.size() <= width || width < 3) {
+        return fit(text, width);
+    }
+    const std::size_t tail = (width - 1) / 2;
+    const std::size_t head = width - 1 - tail;
+    return std::string(text.substr(0, starts[head])) + "…" +
+           std::string(text.substr(starts[starts.size() - tail]));
 }
 
 }  // namespace qnicloud

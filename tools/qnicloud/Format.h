@@ -20,5 +20,7 @@ std::string json(std::string_view text);
 std::string fit(std::string_view text, std::size_t width);
 /// The same, cutting the start instead: for paths, whose end names the file.
 std::string fitEnd(std::string_view text, std::size_t width);
+/// The same, cutting the middle: for a file's name, whose start and extension both tell.
+std::string fitMiddle(std::string_view text, std::size_t width);
 
 }  // namespace qnicloud

@@ -46,10 +46,15 @@ std::string ProgressDisplay::bar(const std::string& label, std::uint64_t size,
     const std::size_t barWidth = rest - labelWidth;
     const double share = percent(size, done);
     const auto filled = static_cast<std::size_t>(share / 100.0 * barWidth);
-    return fit(
-        fmt::format("  {} [{}{}] {:>3.0f} %  {}", fitEnd(label, labelWidth),
-                    std::string(filled, '#'), std::string(barWidth - filled, '-'), share, amount),
-        width_ - 1);
+    // A path too long for its column gives way to its file's name, cut in the middle if need
+    // be: files of one folder differ at the start of their names more than at the end.
+    const auto slash = label.rfind('/');
+    const std::string shown = label.size() <= labelWidth || slash == std::string::npos
+                                  ? fit(label, labelWidth)
+                                  : fitMiddle(label.substr(slash + 1), labelWidth);
+    return fit(fmt::format("  {} [{}{}] {:>3.0f} %  {}", shown, std::string(filled, '#'),
+                           std::string(barWidth - filled, '-'), share, amount),
+               width_ - 1);
 }
 
 void ProgressDisplay::progress(const std::string& name, std::uint64_t size, std::uint64_t done) {
