@@ -1,6 +1,6 @@
 // Path normalisation and the path predicates on arbitrary text: nothing crashes, and the
 // properties the cache relies on hold. The input is two paths separated by the first NUL byte
-// (a base and a path); without one, the path is compared with itself and with its own parent.
+// (a base and a path); without one, the path is checked alone and against its own parent.
 
 #include <cstddef>
 #include <cstdint>
@@ -13,20 +13,22 @@
 
 namespace {
 
-void checkOne(std::string_view path) {
-    const std::string normalised = qn::stringByNormalizingPath(path);
+// Checks what holds of any path alone, and gives its normalised form.
+std::string checkOne(std::string_view path) {
+    std::string normalised = qn::stringByNormalizingPath(path);
     QN_FUZZ_CHECK(qn::stringByNormalizingPath(normalised) == normalised, path, normalised);
     QN_FUZZ_CHECK(!qn::isBasePathOfPath(path, path), path, path);
     QN_FUZZ_CHECK(path.empty() || qn::isEqualToPath(path, normalised), path, normalised);
+    return normalised;
 }
 
-void checkPair(std::string_view base, std::string_view path) {
-    const std::string normalisedBase = qn::stringByNormalizingPath(base);
-    const std::string normalisedPath = qn::stringByNormalizingPath(path);
+// Each path comes with its normalised form, worked out once: normalising is most of the cost,
+// and executions per second are what finds faults.
+void checkPair(std::string_view base, const std::string& normalisedBase, std::string_view path,
+               const std::string& normalisedPath) {
     const bool sameKey = qn::lowercaseNFC(normalisedBase) == qn::lowercaseNFC(normalisedPath);
     QN_FUZZ_CHECK(qn::isEqualToPath(base, path) == (!base.empty() && !path.empty() && sameKey),
                   base, path);
-    QN_FUZZ_CHECK(qn::isEqualToPath(base, path) == qn::isEqualToPath(path, base), base, path);
     if (!qn::isBasePathOfPath(base, path)) {
         return;
     }
@@ -44,15 +46,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     const std::size_t split = input.find('\0');
     if (split == std::string_view::npos) {
-        checkOne(input);
-        checkPair(qn::stringByDeletingLastPathComponent(std::string(input)), input);
-        checkPair(input, input);
+        const std::string normalised = checkOne(input);
+        const std::string parent = qn::stringByDeletingLastPathComponent(std::string(input));
+        checkPair(parent, qn::stringByNormalizingPath(parent), input, normalised);
         return 0;
     }
     const std::string_view base = input.substr(0, split);
     const std::string_view path = input.substr(split + 1);
-    checkOne(base);
-    checkOne(path);
-    checkPair(base, path);
+    checkPair(base, checkOne(base), path, checkOne(path));
     return 0;
 }
