@@ -1,18 +1,20 @@
 // The metadata cache driven by a sequence of operations decoded from the input (create a file
-// or a folder, remove, move, copy) on names that collide by letter case and by composition,
-// checked after every step against a plain model: a map from the case-folded, composed path to
-// whether the item is a folder. Moves the cache keeps quirks for on purpose (across folders
-// with a new name and something inside) are not made.
+// or a folder, remove, move, copy, walk, enumerate) on names that collide by letter case and by
+// composition, checked after every step against a plain model: a map from the case-folded,
+// composed path to whether the item is a folder. Moves the cache keeps quirks for on purpose
+// (across folders with a new name and something inside) are not made.
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "FuzzCheck.h"
 #include "QNiCloud/QNiCloudCache.h"
+#include "QNiCloud/QNiCloudDirectoryEnumerator.h"
 #include "QNiCloud/QNiCloudMetadataItem.h"
 #include "qn/util/PathNormalization.h"
 
@@ -41,6 +43,8 @@ bool isBelow(const std::string& key, const std::string& folderKey) {
            key[folderKey.size()] == '/';
 }
 
+constexpr std::uint8_t kOperations = 7;
+
 class Driver {
 public:
     Driver() : cache_(QNiCloudCache::cacheWithCachedDirectoryPath(kBase)) {
@@ -49,7 +53,7 @@ public:
 
     void step(std::uint8_t op, const std::string& path, const std::string& other) {
         const std::string key = keyOf(path);
-        switch (op % 5) {
+        switch (op % kOperations) {
             case 0:
             case 1:
                 create(path, op % 5 == 1);
@@ -65,6 +69,12 @@ public:
                 break;
             case 4:
                 copy(path, other);
+                break;
+            case 5:  // the folder holding the path: the top is walked too
+                walk(parentOf(path));
+                break;
+            case 6:
+                enumerate(parentOf(path), (op / kOperations) % 2 == 1);
                 break;
         }
         check(path);
@@ -130,6 +140,49 @@ private:
         Model copied = subtree(keyOf(from), to);
         model_.merge(copied);
     }
+    // The keys the model has below the folder at `path` ("/" for the top), all or children only.
+    std::multiset<std::string> modelBelow(const std::string& path, bool childrenOnly) const {
+        const std::string key = path == "/" ? std::string() : keyOf(path);
+        std::multiset<std::string> below;
+        for (const auto& [k, item] : model_) {
+            if ((key.empty() || isBelow(k, key)) &&
+                (!childrenOnly || k.find('/', key.size() + 1) == std::string::npos)) {
+                below.insert(k.substr(key.size() + 1));
+            }
+        }
+        return below;
+    }
+    bool walkable(const std::string& path) const {
+        return path == "/" || model_.contains(keyOf(path));
+    }
+    void walk(const std::string& path) {
+        if (!walkable(path)) {
+            return;
+        }
+        std::multiset<std::string> walked;
+        for (const auto& subpath : cache_->allSubpathsOfEntryAtPath(std::string(kBase) + path)) {
+            walked.insert(keyOf(subpath));
+        }
+        QN_FUZZ_CHECK(walked == modelBelow(path, false), path, std::to_string(walked.size()));
+        std::size_t entries = 0;
+        cache_->enumerateSubentriesOfEntryAtPath(std::string(kBase) + path,
+                                                 [&](const auto&) { return ++entries > 0; });
+        QN_FUZZ_CHECK(entries == walked.size(), path, std::to_string(entries));
+    }
+    void enumerate(const std::string& path, bool childrenOnly) {
+        if (!walkable(path)) {
+            return;
+        }
+        QNiCloudDirectoryEnumerator enumerator(cache_->entryForPath(std::string(kBase) + path),
+                                               childrenOnly ? 1 : 0);
+        std::multiset<std::string> listed;
+        for (qn::Value next = enumerator.nextObject(); !next.isNull();
+             next = enumerator.nextObject()) {
+            listed.insert(keyOf(*next.stringValue()));
+        }
+        QN_FUZZ_CHECK(listed == modelBelow(path, childrenOnly), path,
+                      std::to_string(listed.size()));
+    }
     void check(const std::string& path) {
         QN_FUZZ_CHECK(cache_->count() == model_.size() + 1, path, std::to_string(cache_->count()));
         QN_FUZZ_CHECK(cache_->numberOfSubentriesForEntryAtPath(kBase) == model_.size(), path,
@@ -162,7 +215,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (data < end) {
         const std::uint8_t op = *data++;
         const std::string path = pathFrom(data, end);
-        const std::string other = op % 5 >= 3 ? pathFrom(data, end) : std::string();
+        const std::string other =
+            op % kOperations == 3 || op % kOperations == 4 ? pathFrom(data, end) : std::string();
         driver.step(op, path, other);
     }
     return 0;
