@@ -303,15 +303,6 @@ TEST_P(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersT
     NotificationCenter::defaultCenter().removeObserver(this);
 }
 
-TEST_P(DriveServiceTest, ADeviceHasOneEngineAtATime) {
-    Error error;
-    DriveService::Options options;
-    options.deviceDirectory = directory.path() + "/A";
-    options.store = store->open();
-    EXPECT_EQ(DriveService::open(options, &error), nullptr);
-    EXPECT_NE(error.localizedDescription().find("in use by another engine"), std::string::npos);
-}
-
 INSTANTIATE_TEST_SUITE_P(Stores, DriveServiceTest,
                          ::testing::Values(StoreKind::Directory, StoreKind::WebDAVApache,
                                            StoreKind::WebDAVRclone),
