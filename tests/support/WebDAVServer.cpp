@@ -22,11 +22,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+
+#include "support/TemporaryDirectory.h"
 
 namespace qn::test {
 namespace {
@@ -41,11 +42,6 @@ constexpr const char* kRealm = "qnicloud";
 // The user Apache's workers run as when the tests run as root: Apache refuses to serve as root.
 constexpr const char* kUnprivilegedUser = "nobody";
 constexpr const char* kUnprivilegedGroup = "nogroup";
-
-std::string readWhole(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
 
 void writeWhole(const std::string& path, const std::string& contents) {
     std::ofstream stream(path, std::ios::binary | std::ios::trunc);
@@ -128,16 +124,16 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath,
 /// Runs `argv` to its end and returns its standard output; throws, with what it printed, when
 /// it fails.
 std::string run(const std::vector<std::string>& argv, const std::string& logPath) {
-    const auto before = readWhole(logPath).size();
+    const auto before = readFile(logPath).size();
     const std::string output = logPath + ".out";
     const pid_t pid = spawn(argv, logPath, output);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        throw std::runtime_error(argv[0] + " failed:\n" + readWhole(logPath).substr(before));
+        throw std::runtime_error(argv[0] + " failed:\n" + readFile(logPath).substr(before));
     }
-    std::string printed = readWhole(output);
+    std::string printed = readFile(output);
     fs::remove(output);
     return printed;
 }
@@ -357,7 +353,7 @@ WebDAVServer::~WebDAVServer() {
 }
 
 std::string WebDAVServer::log() const {
-    return readWhole(directory_ + "/server.log");
+    return readFile(directory_ + "/server.log");
 }
 
 void WebDAVServer::prepare() {
@@ -392,11 +388,9 @@ void WebDAVServer::writeApacheConfiguration() const {
         c << "User " << kUnprivilegedUser << "\nGroup " << kUnprivilegedGroup << "\n";
     }
     c << "LoadModule mpm_event_module " << modules << "/mod_mpm_event.so\n";
-    load("authn_core");
-    load("authz_core");
-    load("mime");
-    load("dav");
-    load("dav_fs");
+    for (const char* name : {"authn_core", "authz_core", "mime", "dav", "dav_fs"}) {
+        load(name);
+    }
     if (options_.authentication != Authentication::None) {
         load("authn_file");
         load("authz_user");
@@ -445,16 +439,11 @@ std::vector<std::string> WebDAVServer::commandLine() const {
     if (kind_ == Kind::Apache) {
         return {kApache, "-f", directory_ + "/httpd.conf", "-DFOREGROUND"};
     }
-    std::vector<std::string> argv = {findInPath("rclone"),
-                                     "serve",
-                                     "webdav",
-                                     options_.dataDirectory,
-                                     "--addr",
-                                     "127.0.0.1:" + std::to_string(port_),
-                                     "--config",
-                                     directory_ + "/rclone.conf",
-                                     "--cache-dir",
-                                     directory_ + "/rclone-cache"};
+    std::vector<std::string> argv = {findInPath("rclone"), "serve", "webdav",
+                                     options_.dataDirectory};
+    argv.insert(argv.end(),
+                {"--addr", "127.0.0.1:" + std::to_string(port_), "--config",
+                 directory_ + "/rclone.conf", "--cache-dir", directory_ + "/rclone-cache"});
     if (options_.authentication == Authentication::Basic) {
         argv.insert(argv.end(), {"--user", options_.user, "--pass", options_.password});
     }
