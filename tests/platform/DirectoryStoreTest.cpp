@@ -3,14 +3,13 @@
 // while its directory is gone.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
 
 #include "qn/DirectoryStore.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestStores.h"
 
 namespace qn::test {
 namespace {
@@ -30,13 +29,7 @@ protected:
     std::optional<DriveStore::Item> put(const std::shared_ptr<DirectoryStore>& into,
                                         std::string_view path, std::string_view contents,
                                         Error* error = nullptr) {
-        const int fd = ::memfd_create("source", 0);
-        [[maybe_unused]] auto written = ::write(fd, contents.data(), contents.size());
-        ::lseek(fd, 0, SEEK_SET);
-        auto item = into->upload(kAccount, path, fd, DriveStore::Condition::any(), Date(), "test",
-                                 nullptr, error);
-        ::close(fd);
-        return item;
+        return uploadTo(*into, kAccount, path, contents, DriveStore::Condition::any(), error);
     }
     std::string log() const { return readFile(root + "/accounts/alice@example.com/log"); }
     void appendToLog(std::string_view bytes) const {

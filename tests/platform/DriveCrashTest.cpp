@@ -2,7 +2,6 @@
 // in the middle of a download, or at any moment of a busy sync, restarts without losing or
 // duplicating anything.
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -19,6 +18,7 @@
 #include "qn/DirectoryStore.h"
 #include "qn/DriveService.h"
 #include "support/TemporaryDirectory.h"
+#include "support/TestStores.h"
 
 extern char** environ;
 
@@ -181,13 +181,8 @@ TEST_F(DriveCrashTest, KilledInTheMiddleOfADownload) {
                                          DriveStore::Condition::any(), Date(), "other", nullptr));
         ASSERT_TRUE(store->makeDirectory(kAccount, kFolder, DriveStore::Condition::any(), Date(),
                                          "other", nullptr));
-        const std::string source = directory.path() + "/source";
-        std::ofstream(source) << big;
-        const int fd = ::open(source.c_str(), O_RDONLY);
-        ASSERT_TRUE(store->upload(kAccount, std::string(kFolder) + "/remote.bin", fd,
-                                  DriveStore::Condition::absent(), Date(100), "other", nullptr,
-                                  nullptr));
-        ::close(fd);
+        ASSERT_TRUE(uploadTo(*store, kAccount, std::string(kFolder) + "/remote.bin", big,
+                             DriveStore::Condition::absent()));
     }
     {
         Helper helper = start("download-middle", documents + "/remote.bin");

@@ -6,14 +6,13 @@
 
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <mutex>
 
 #include "qn/DriveService.h"
 #include "qn/FileAttributes.h"
 #include "qn/MainQueue.h"
 #include "qn/MetadataAttributes.h"
 #include "qn/NotificationCenter.h"
+#include "support/FeedRecorder.h"
 #include "support/TemporaryDirectory.h"
 #include "support/TestStores.h"
 
@@ -26,55 +25,9 @@ using namespace std::chrono_literals;
 constexpr const char* kAccount = "alice@example.com";
 constexpr const char* kContainer = "iCloud.com.example.Drive";
 
-// The latest report of every item a feed told of, and every percentage downloaded it heard.
-class Reports : public MetadataFeedObserver {
-public:
-    void feedDidGather(std::vector<std::shared_ptr<const MetadataItem>> items) override {
-        take(items);
-    }
-    void feedDidFinishGathering() override {}
-    void feedDidChange(std::vector<std::shared_ptr<const MetadataItem>> items,
-                       std::vector<std::string> removed) override {
-        take(items);
-        std::lock_guard lock(mutex_);
-        for (const auto& path : removed) {
-            latest_.erase(path);
-        }
-    }
-    std::shared_ptr<const MetadataItem> latest(const std::string& path) {
-        std::lock_guard lock(mutex_);
-        const auto found = latest_.find(path);
-        return found == latest_.end() ? nullptr : found->second;
-    }
-    bool flag(const std::string& path, const char* attribute) {
-        const auto item = latest(path);
-        const Value* value = item ? item->valueForAttribute(attribute) : nullptr;
-        return value != nullptr && value->boolValue().value_or(false);
-    }
-    std::vector<double> percentages(const std::string& path) {
-        std::lock_guard lock(mutex_);
-        return percentages_[path];
-    }
-
-private:
-    void take(const std::vector<std::shared_ptr<const MetadataItem>>& items) {
-        std::lock_guard lock(mutex_);
-        for (const auto& item : items) {
-            latest_[item->path()] = item;
-            if (const Value* percent =
-                    item->valueForAttribute(NSMetadataUbiquitousItemPercentDownloadedKey)) {
-                percentages_[item->path()].push_back(percent->doubleValue().value_or(-1));
-            }
-        }
-    }
-    std::mutex mutex_;
-    std::map<std::string, std::shared_ptr<const MetadataItem>> latest_;
-    std::map<std::string, std::vector<double>> percentages_;
-};
-
 struct Device {
     std::shared_ptr<DriveService> drive;
-    std::shared_ptr<Reports> reports = std::make_shared<Reports>();
+    std::shared_ptr<FeedRecorder> reports = std::make_shared<FeedRecorder>();
     std::string documents;  // the container's Documents folder on this device
 
     std::string path(std::string_view relative) const {
@@ -301,15 +254,6 @@ TEST_P(DriveServiceTest, AccountsSwitchWithTheirContainersAndTheDeviceRemembersT
     ASSERT_TRUE(a.drive->waitUntilIdle(10s));
     EXPECT_TRUE(a.downloaded("mine.txt"));
     NotificationCenter::defaultCenter().removeObserver(this);
-}
-
-TEST_P(DriveServiceTest, ADeviceHasOneEngineAtATime) {
-    Error error;
-    DriveService::Options options;
-    options.deviceDirectory = directory.path() + "/A";
-    options.store = store->open();
-    EXPECT_EQ(DriveService::open(options, &error), nullptr);
-    EXPECT_NE(error.localizedDescription().find("in use by another engine"), std::string::npos);
 }
 
 INSTANTIATE_TEST_SUITE_P(Stores, DriveServiceTest,

@@ -3,8 +3,6 @@
 // versions, and names the store refuses.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include <memory>
 #include <string>
@@ -18,26 +16,6 @@ namespace qn::test {
 namespace {
 
 constexpr const char* kAccount = "alice@example.com";
-
-// A file descriptor holding `contents`, at offset 0; closed with the object.
-class Source {
-public:
-    explicit Source(std::string_view contents) : fd_(::memfd_create("source", 0)) {
-        EXPECT_EQ(::write(fd_, contents.data(), contents.size()),
-                  static_cast<ssize_t>(contents.size()));
-        ::lseek(fd_, 0, SEEK_SET);
-    }
-    ~Source() { ::close(fd_); }
-    int fd() const { return fd_; }
-    std::string contents() const {
-        std::string read(static_cast<std::size_t>(::lseek(fd_, 0, SEEK_END)), '\0');
-        EXPECT_EQ(::pread(fd_, read.data(), read.size(), 0), static_cast<ssize_t>(read.size()));
-        return read;
-    }
-
-private:
-    int fd_;
-};
 
 class DriveStoreContractTest : public ::testing::TestWithParam<StoreKind> {
 protected:
@@ -57,24 +35,12 @@ protected:
 
     DriveStore::Item put(std::string_view path, std::string_view contents,
                          DriveStore::Condition condition = DriveStore::Condition::any()) {
-        Source source(contents);
         Error error;
-        const auto item =
-            store->upload(kAccount, path, source.fd(), condition, Date(2), "test", nullptr, &error);
+        const auto item = uploadTo(*store, kAccount, path, contents, condition, &error);
         EXPECT_TRUE(item) << error.description();
         return item.value_or(DriveStore::Item{});
     }
-    std::string get(std::string_view path) {
-        Error error;
-        const auto item = store->itemAtPath(kAccount, path, &error);
-        if (!item) {
-            return "<" + error.localizedDescription() + ">";
-        }
-        Source into("");
-        EXPECT_TRUE(store->download(kAccount, path, item->revision, into.fd(), nullptr, &error))
-            << error.description();
-        return into.contents();
-    }
+    std::string get(std::string_view path) { return downloadFrom(*store, kAccount, path); }
     std::vector<std::string> paths(const std::vector<DriveStore::Item>& items) {
         std::vector<std::string> found;
         for (const auto& item : items) {
@@ -97,7 +63,7 @@ TEST_P(DriveStoreContractTest, WritesAreConditionalOnTheRevisionLastSeen) {
     // Another device wrote in between: the stale write is refused and changes nothing.
     const auto second = put("C/a.txt", "two", DriveStore::Condition::atRevision(first.revision));
     EXPECT_NE(second.revision, first.revision);
-    Source stale("stale");
+    MemoryFile stale("stale");
     Error error;
     EXPECT_FALSE(store->upload(kAccount, "C/a.txt", stale.fd(),
                                DriveStore::Condition::atRevision(first.revision), Date(3), "test",
@@ -146,7 +112,7 @@ TEST_P(DriveStoreContractTest, WritesAreConditionalOnTheRevisionLastSeen) {
     EXPECT_FALSE(store->makeDirectory(kAccount, "C/a.txt", DriveStore::Condition::any(), Date(5),
                                       "test", &error));
     EXPECT_EQ(error.code(), DriveStoreErrorNotAFolder);
-    Source orphan("x");
+    MemoryFile orphan("x");
     EXPECT_FALSE(store->upload(kAccount, "C/none/x.txt", orphan.fd(), DriveStore::Condition::any(),
                                Date(5), "test", nullptr, &error));
     EXPECT_EQ(error.code(), DriveStoreErrorNotAFolder);
@@ -191,7 +157,7 @@ TEST_P(DriveStoreContractTest, ChangeTokensReturnOnlyWhatChanged) {
 
 TEST_P(DriveStoreContractTest, ConflictVersionsStayBesideTheItemUntilResolved) {
     const auto item = put("C/a.txt", "mine");
-    Source theirs("theirs");
+    MemoryFile theirs("theirs");
     Error error;
     const auto version =
         store->addConflictVersion(kAccount, "C/a.txt", theirs.fd(), Date(9), "laptop", &error);
@@ -203,7 +169,7 @@ TEST_P(DriveStoreContractTest, ConflictVersionsStayBesideTheItemUntilResolved) {
     EXPECT_EQ(now->unresolvedConflicts, 1u);
     EXPECT_EQ(now->revision, item.revision) << "a version leaves the item's revision alone";
 
-    Source into("");
+    MemoryFile into;
     ASSERT_TRUE(
         store->downloadVersion(kAccount, "C/a.txt", version->identifier, into.fd(), &error));
     EXPECT_EQ(into.contents(), "theirs");
@@ -220,7 +186,7 @@ TEST_P(DriveStoreContractTest, ConflictVersionsStayBesideTheItemUntilResolved) {
 }
 
 TEST_P(DriveStoreContractTest, RefusesNamesItCannotHoldAndUnknownAccounts) {
-    Source source("x");
+    MemoryFile source("x");
     for (const std::string& path : std::vector<std::string>{
              "", "/C/a", "C//a", "C/./a", "C/../a", "C/a\n", std::string("C/\xff"),
              "C/" + std::string(256, 'n'), "C/" + std::string(1100, 'n')}) {
@@ -249,7 +215,7 @@ TEST_P(DriveStoreContractTest, ConcurrentWritersOnTheSameRevisionExactlyOneWins)
         threads.emplace_back([&, i] {
             // Each its own store object, as separate processes would be.
             const auto mine = place->open();
-            Source source("writer " + std::to_string(i));
+            MemoryFile source("writer " + std::to_string(i));
             Error error;
             won[i] = mine->upload(kAccount, "C/a.txt", source.fd(),
                                   DriveStore::Condition::atRevision(base.revision), Date(), "t",

@@ -4,9 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +18,7 @@
 #include "qn/UbiquityErrors.h"
 #include "qn/util/ContainerHelpers.h"
 #include "qn/util/PathNormalization.h"
+#include "support/FeedRecorder.h"
 #include "support/TemporaryDirectory.h"
 
 namespace {
@@ -29,58 +28,10 @@ using qn::SimulatedCloud;
 using qn::SimulatedDownloadingStatus;
 using qn::SimulatedItemState;
 using qn::SimulatedLocalCopy;
+using qn::test::FeedRecorder;
 using ::testing::ElementsAre;
 
 constexpr const char* kContainer = "iCloud.com.example.Notes";
-
-// Records every feed call as one line: "gather a b", "finish", "change a | -b"; runs `onChange`
-// once, inside its next change call.
-class RecordingObserver : public qn::MetadataFeedObserver {
-public:
-    void feedDidGather(std::vector<std::shared_ptr<const qn::MetadataItem>> items) override {
-        record("gather", items, {});
-    }
-    void feedDidFinishGathering() override { record("finish", {}, {}); }
-    void feedDidChange(std::vector<std::shared_ptr<const qn::MetadataItem>> items,
-                       std::vector<std::string> removed) override {
-        record("change", items, removed);
-        if (auto change = std::exchange(onChange, nullptr)) {
-            change();
-        }
-    }
-
-    std::vector<std::string> calls() {
-        std::lock_guard lock(mutex_);
-        return calls_;
-    }
-    // The last report of the item whose file name is `name`.
-    std::shared_ptr<const qn::MetadataItem> latest(const std::string& name) {
-        std::lock_guard lock(mutex_);
-        const auto found = latest_.find(name);
-        return found != latest_.end() ? found->second : nullptr;
-    }
-    std::function<void()> onChange;
-
-private:
-    void record(std::string line, const std::vector<std::shared_ptr<const qn::MetadataItem>>& items,
-                const std::vector<std::string>& removed) {
-        std::lock_guard lock(mutex_);
-        for (const auto& item : items) {
-            const std::string name = qn::lastPathComponent(item->path());
-            line += " " + name;
-            latest_[name] = item;
-        }
-        line += removed.empty() ? "" : " |";
-        for (const auto& path : removed) {
-            line += " -" + qn::lastPathComponent(path);
-        }
-        calls_.push_back(line);
-    }
-
-    std::mutex mutex_;
-    std::vector<std::string> calls_;
-    std::map<std::string, std::shared_ptr<const qn::MetadataItem>> latest_;
-};
 
 qn::Value attribute(const qn::MetadataItem& item, std::string_view key) {
     const qn::Value* value = item.valueForAttribute(key);
@@ -103,13 +54,17 @@ protected:
     static std::string local(std::string_view name) {
         return "Mobile Documents/iCloud~com~example~Notes/Documents/" + std::string(name);
     }
-    void startFeed(const std::shared_ptr<RecordingObserver>& observer) {
+    // The latest report the test's observer had of the document `name`.
+    std::shared_ptr<const qn::MetadataItem> latest(std::string_view name) {
+        return observer->latest(document(name).path());
+    }
+    void startFeed(const std::shared_ptr<FeedRecorder>& observer) {
         cloud->startMetadataFeed({qn::NSMetadataQueryUbiquitousDocumentsScope}, observer);
     }
 
     qn::test::TemporaryDirectory root;
     std::shared_ptr<SimulatedCloud> cloud = SimulatedCloud::create("alice@example.com");
-    std::shared_ptr<RecordingObserver> observer = std::make_shared<RecordingObserver>();
+    std::shared_ptr<FeedRecorder> observer = std::make_shared<FeedRecorder>();
     qn::Error error;
 };
 
@@ -175,13 +130,13 @@ TEST_F(SimulatedCloudTest, FeedGathersInBatchesThenFinishesThenReportsMergedChan
     cloud->deliverQueryBatches();
     EXPECT_THAT(observer->calls(), ElementsAre("gather a.txt b.txt", "gather c.txt", "finish",
                                                "change b.txt d.txt | -c.txt"));
-    EXPECT_EQ(attribute(*observer->latest("b.txt"), qn::NSMetadataUbiquitousItemPercentUploadedKey),
+    EXPECT_EQ(attribute(*latest("b.txt"), qn::NSMetadataUbiquitousItemPercentUploadedKey),
               qn::Value(50.0));
     cloud->setItem(document("e.txt"), {});
 
     // A change made during a call waits for the next call, for every feed alike.
-    const auto changing = std::make_shared<RecordingObserver>();
-    const auto other = std::make_shared<RecordingObserver>();
+    const auto changing = std::make_shared<FeedRecorder>();
+    const auto other = std::make_shared<FeedRecorder>();
     startFeed(changing);
     startFeed(other);
     cloud->deliverQueryBatches();
@@ -213,7 +168,7 @@ TEST_F(SimulatedCloudTest, ItemStatesAndOverridesAreReportedThroughTheAttributeK
     startFeed(observer);
     cloud->deliverQueryBatches();
 
-    const auto report = observer->latest("Report.txt");
+    const auto report = latest("Report.txt");
     ASSERT_NE(report, nullptr);
     EXPECT_EQ(report->attributes().size(), 16u);
     // The transfer and conflict states, the size and the content date reach the presenter's
@@ -232,7 +187,7 @@ TEST_F(SimulatedCloudTest, ItemStatesAndOverridesAreReportedThroughTheAttributeK
     }
     EXPECT_EQ(qn::Date::fromTimespec(root.status(local("Report.txt")).st_mtim), qn::Date(100));
 
-    const auto odd = observer->latest("Cafe\u0301.txt");
+    const auto odd = latest("Cafe\u0301.txt");
     ASSERT_NE(odd, nullptr);
     EXPECT_EQ(odd->attributes().size(), 15u);  // the path replaced, the size left out
     EXPECT_EQ(odd->path(), document("Cafe\u0301.txt").path());
@@ -242,7 +197,7 @@ TEST_F(SimulatedCloudTest, ItemStatesAndOverridesAreReportedThroughTheAttributeK
               qn::Value(qn::NSURLUbiquitousItemDownloadingStatusCurrent));
     EXPECT_TRUE(cloud->startDownloading(document("Caf\u00e9.txt"), &error)) << "trusts its status";
     EXPECT_FALSE(root.exists(local("Caf\u00e9.txt")));
-    const auto added = observer->latest("Extra.txt");
+    const auto added = latest("Extra.txt");
     ASSERT_NE(added, nullptr);
     EXPECT_EQ(added->attributes().size(), 17u);
     EXPECT_EQ(added->attributes().back(), "QNExtraKey");
@@ -306,8 +261,7 @@ TEST_F(SimulatedCloudTest, ConflictVersionsLiveOutsideTheDriveAndTheirFlagIsRepo
 
     cloud->deliverQueryBatches();
     EXPECT_THAT(observer->calls(), ElementsAre("gather Doc.txt", "finish", "change Doc.txt"));
-    EXPECT_EQ(attribute(*observer->latest("Doc.txt"),
-                        qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey),
+    EXPECT_EQ(attribute(*latest("Doc.txt"), qn::NSMetadataUbiquitousItemHasUnresolvedConflictsKey),
               qn::Value(false));
 
     cloud.reset();

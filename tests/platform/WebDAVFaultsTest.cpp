@@ -14,7 +14,7 @@
 #include "qn/DriveService.h"
 #include "qn/WebDAVStore.h"
 #include "support/TemporaryDirectory.h"
-#include "support/WebDAVServer.h"
+#include "support/TestStores.h"
 
 namespace qn::test {
 namespace {
@@ -38,12 +38,6 @@ int contents(std::size_t size, char seed) {
     }
     ::lseek(fd, 0, SEEK_SET);
     return fd;
-}
-
-std::string bytesOf(int fd) {
-    std::string read(static_cast<std::size_t>(::lseek(fd, 0, SEEK_END)), '\0');
-    EXPECT_EQ(::pread(fd, read.data(), read.size(), 0), static_cast<ssize_t>(read.size()));
-    return read;
 }
 
 class WebDAVFaultsTest : public ::testing::Test {
@@ -71,16 +65,7 @@ protected:
         ::lseek(fd, 0, SEEK_SET);
         return store->upload(kAccount, path, fd, condition, Date(2), "test", nullptr, error);
     }
-    std::string get(const std::string& path) {
-        const auto item = store->itemAtPath(kAccount, path, nullptr);
-        const int into = ::memfd_create("into", 0);
-        Error error;
-        EXPECT_TRUE(item && store->download(kAccount, path, item->revision, into, nullptr, &error))
-            << error.description();
-        std::string read = bytesOf(into);
-        ::close(into);
-        return read;
-    }
+    std::string get(const std::string& path) { return downloadFrom(*store, kAccount, path); }
     // Uploads the store left in its hidden collection. (Apache's own temporary file of a PUT
     // cut by its death stays there too, as it would anywhere on that server.)
     std::size_t leftovers() {

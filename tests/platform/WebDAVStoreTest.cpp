@@ -3,13 +3,11 @@
 // found and passed on as changes.
 
 #include <gtest/gtest.h>
-#include <sys/mman.h>
-#include <unistd.h>
 
 #include "platform/drive/DavClient.h"
 #include "qn/WebDAVStore.h"
 #include "support/TemporaryDirectory.h"
-#include "support/WebDAVServer.h"
+#include "support/TestStores.h"
 
 namespace qn::test {
 namespace {
@@ -17,26 +15,12 @@ namespace {
 using Kind = WebDAVServer::Kind;
 
 std::string download(DriveStore& store, const std::string& path) {
-    const auto item = store.itemAtPath("alice", path, nullptr);
-    const int fd = ::memfd_create("into", 0);
-    Error error;
-    EXPECT_TRUE(item && store.download("alice", path, item->revision, fd, nullptr, &error))
-        << error.description();
-    std::string read(static_cast<std::size_t>(::lseek(fd, 0, SEEK_END)), '\0');
-    ::pread(fd, read.data(), read.size(), 0);
-    ::close(fd);
-    return read;
+    return downloadFrom(store, "alice", path);
 }
 
 bool upload(DriveStore& store, const std::string& path, std::string_view contents, Error* error) {
-    const int fd = ::memfd_create("from", 0);
-    ::write(fd, contents.data(), contents.size());
-    ::lseek(fd, 0, SEEK_SET);
-    const bool done =
-        store.upload("alice", path, fd, DriveStore::Condition::any(), Date(1), "me", nullptr, error)
-            .has_value();
-    ::close(fd);
-    return done;
+    return uploadTo(store, "alice", path, contents, DriveStore::Condition::any(), error)
+        .has_value();
 }
 
 TEST(WebDAVStoreTest, CredentialsAndCertificatesAreCheckedWithClearErrors) {
@@ -143,12 +127,9 @@ TEST_P(WebDAVOtherClientsTest, WhatOtherClientsChangeIsFoundAndPassedOn) {
 
     // A second walk finds nothing new; an edit made on the old revision is a conflict.
     EXPECT_TRUE(store->changesSince("alice", changes->token, nullptr)->items.empty());
-    const int fd = ::memfd_create("late", 0);
-    EXPECT_FALSE(store->upload("alice", "C/a.txt", fd,
-                               DriveStore::Condition::atRevision(before->revision), Date(2), "me",
-                               nullptr, &error));
+    EXPECT_FALSE(uploadTo(*store, "alice", "C/a.txt", "",
+                          DriveStore::Condition::atRevision(before->revision), &error));
     EXPECT_EQ(error.code(), DriveStoreErrorRevisionMismatch);
-    ::close(fd);
 }
 
 INSTANTIATE_TEST_SUITE_P(Servers, WebDAVOtherClientsTest,

@@ -8,6 +8,7 @@
 #include <optional>
 #include <ostream>
 #include <string>
+#include <string_view>
 
 #include "qn/DriveStore.h"
 #include "qn/WebDAVStore.h"
@@ -60,5 +61,30 @@ private:
     std::unique_ptr<WebDAVServer> server_;
     WebDAVStore::Options webDAV_;
 };
+
+/// The bytes of the file `fd`, from its start whatever its offset.
+std::string bytesOf(int fd);
+
+/// A file in memory holding `contents` at offset 0, for a store to upload from or download into;
+/// closed with the object.
+class MemoryFile {
+public:
+    explicit MemoryFile(std::string_view contents = {});
+    ~MemoryFile();
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+    int fd() const { return fd_; }
+    std::string contents() const { return bytesOf(fd_); }
+
+private:
+    int fd_;
+};
+
+/// `contents` uploaded to `path` by the device "test".
+std::optional<DriveStore::Item> uploadTo(DriveStore& store, std::string_view account,
+                                         std::string_view path, std::string_view contents,
+                                         DriveStore::Condition condition, Error* error = nullptr);
+/// What `path` holds now, or "<why not>"; a failed download also fails the test.
+std::string downloadFrom(DriveStore& store, std::string_view account, std::string_view path);
 
 }  // namespace qn::test

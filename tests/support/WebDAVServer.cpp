@@ -22,10 +22,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+
+#include "support/TemporaryDirectory.h"
 
 namespace qn::test {
 namespace {
@@ -40,11 +42,6 @@ constexpr const char* kRealm = "qnicloud";
 // The user Apache's workers run as when the tests run as root: Apache refuses to serve as root.
 constexpr const char* kUnprivilegedUser = "nobody";
 constexpr const char* kUnprivilegedGroup = "nogroup";
-
-std::string readWhole(const std::string& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(stream), {});
-}
 
 void writeWhole(const std::string& path, const std::string& contents) {
     std::ofstream stream(path, std::ios::binary | std::ios::trunc);
@@ -127,16 +124,16 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& logPath,
 /// Runs `argv` to its end and returns its standard output; throws, with what it printed, when
 /// it fails.
 std::string run(const std::vector<std::string>& argv, const std::string& logPath) {
-    const auto before = readWhole(logPath).size();
+    const auto before = readFile(logPath).size();
     const std::string output = logPath + ".out";
     const pid_t pid = spawn(argv, logPath, output);
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        throw std::runtime_error(argv[0] + " failed:\n" + readWhole(logPath).substr(before));
+        throw std::runtime_error(argv[0] + " failed:\n" + readFile(logPath).substr(before));
     }
-    std::string printed = readWhole(output);
+    std::string printed = readFile(output);
     fs::remove(output);
     return printed;
 }
@@ -147,22 +144,36 @@ bool hasExited(pid_t pid) {
            info.si_pid == pid;
 }
 
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+/// Binds `fd` (listening when asked) to a free loopback port and returns the port; closes `fd`
+/// and throws, saying `what` failed, when it cannot.
+std::uint16_t bindLoopback(int fd, bool listen, const char* what) {
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof address;
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        (listen && ::listen(fd, 64) != 0) ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        const int error = errno;
+        ::close(fd);
+        throw std::system_error(error, std::generic_category(), what);
+    }
+    return ntohs(address.sin_port);
+}
+
 /// A port nobody listens on now. Someone may take it before the server binds it; `start` then
 /// tries another.
 std::uint16_t freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        const int error = errno;
-        ::close(fd);
-        throw std::system_error(error, std::generic_category(), "choosing a free port");
-    }
+    const std::uint16_t port = bindLoopback(fd, false, "choosing a free port");
     ::close(fd);
-    return ntohs(address.sin_port);
+    return port;
 }
 
 void handOver(const std::string& path, uid_t user, gid_t group) {
@@ -223,38 +234,17 @@ bool equalsIgnoringCase(std::string_view a, std::string_view b) {
 }
 
 const char* reasonPhrase(int status) {
-    switch (status) {
-        case 400:
-            return "Bad Request";
-        case 401:
-            return "Unauthorized";
-        case 403:
-            return "Forbidden";
-        case 404:
-            return "Not Found";
-        case 405:
-            return "Method Not Allowed";
-        case 409:
-            return "Conflict";
-        case 412:
-            return "Precondition Failed";
-        case 423:
-            return "Locked";
-        case 429:
-            return "Too Many Requests";
-        case 500:
-            return "Internal Server Error";
-        case 502:
-            return "Bad Gateway";
-        case 503:
-            return "Service Unavailable";
-        case 504:
-            return "Gateway Timeout";
-        case 507:
-            return "Insufficient Storage";
-        default:
-            return "Injected";
-    }
+    static const std::map<int, const char*> phrases = {
+        {400, "Bad Request"},         {401, "Unauthorized"},
+        {403, "Forbidden"},           {404, "Not Found"},
+        {405, "Method Not Allowed"},  {409, "Conflict"},
+        {412, "Precondition Failed"}, {423, "Locked"},
+        {429, "Too Many Requests"},   {500, "Internal Server Error"},
+        {502, "Bad Gateway"},         {503, "Service Unavailable"},
+        {504, "Gateway Timeout"},     {507, "Insufficient Storage"},
+    };
+    const auto found = phrases.find(status);
+    return found == phrases.end() ? "Injected" : found->second;
 }
 
 }  // namespace
@@ -363,7 +353,7 @@ WebDAVServer::~WebDAVServer() {
 }
 
 std::string WebDAVServer::log() const {
-    return readWhole(directory_ + "/server.log");
+    return readFile(directory_ + "/server.log");
 }
 
 void WebDAVServer::prepare() {
@@ -398,11 +388,9 @@ void WebDAVServer::writeApacheConfiguration() const {
         c << "User " << kUnprivilegedUser << "\nGroup " << kUnprivilegedGroup << "\n";
     }
     c << "LoadModule mpm_event_module " << modules << "/mod_mpm_event.so\n";
-    load("authn_core");
-    load("authz_core");
-    load("mime");
-    load("dav");
-    load("dav_fs");
+    for (const char* name : {"authn_core", "authz_core", "mime", "dav", "dav_fs"}) {
+        load(name);
+    }
     if (options_.authentication != Authentication::None) {
         load("authn_file");
         load("authz_user");
@@ -451,16 +439,11 @@ std::vector<std::string> WebDAVServer::commandLine() const {
     if (kind_ == Kind::Apache) {
         return {kApache, "-f", directory_ + "/httpd.conf", "-DFOREGROUND"};
     }
-    std::vector<std::string> argv = {findInPath("rclone"),
-                                     "serve",
-                                     "webdav",
-                                     options_.dataDirectory,
-                                     "--addr",
-                                     "127.0.0.1:" + std::to_string(port_),
-                                     "--config",
-                                     directory_ + "/rclone.conf",
-                                     "--cache-dir",
-                                     directory_ + "/rclone-cache"};
+    std::vector<std::string> argv = {findInPath("rclone"), "serve", "webdav",
+                                     options_.dataDirectory};
+    argv.insert(argv.end(),
+                {"--addr", "127.0.0.1:" + std::to_string(port_), "--config",
+                 directory_ + "/rclone.conf", "--cache-dir", directory_ + "/rclone-cache"});
     if (options_.authentication == Authentication::Basic) {
         argv.insert(argv.end(), {"--user", options_.user, "--pass", options_.password});
     }
@@ -541,36 +524,23 @@ void WebDAVServer::restart() {
 // The proxy.
 
 FaultProxy::Fault FaultProxy::Fault::respond(int status, std::string headers, std::string body) {
-    Fault fault;
-    fault.status = status;
-    fault.headers = std::move(headers);
-    fault.body = std::move(body);
-    return fault;
+    return {Action::Respond, status, std::move(headers), std::move(body), 0, false};
 }
 
 FaultProxy::Fault FaultProxy::Fault::dropResponseAfter(std::uint64_t bytes) {
-    Fault fault;
-    fault.action = Action::Drop;
-    fault.afterBytes = bytes;
-    return fault;
+    return {Action::Drop, 0, {}, {}, bytes, false};
 }
 
 FaultProxy::Fault FaultProxy::Fault::stallResponseAfter(std::uint64_t bytes) {
-    Fault fault = dropResponseAfter(bytes);
-    fault.action = Action::Stall;
-    return fault;
+    return {Action::Stall, 0, {}, {}, bytes, false};
 }
 
 FaultProxy::Fault FaultProxy::Fault::dropRequestAfter(std::uint64_t bytes) {
-    Fault fault = dropResponseAfter(bytes);
-    fault.inRequest = true;
-    return fault;
+    return {Action::Drop, 0, {}, {}, bytes, true};
 }
 
 FaultProxy::Fault FaultProxy::Fault::stallRequestAfter(std::uint64_t bytes) {
-    Fault fault = stallResponseAfter(bytes);
-    fault.inRequest = true;
-    return fault;
+    return {Action::Stall, 0, {}, {}, bytes, true};
 }
 
 /// One client connection and its connection to the server, pumped by one thread. The request
@@ -896,22 +866,17 @@ struct FaultProxy::Connection {
 };
 
 FaultProxy::FaultProxy(std::uint16_t port) : upstreamPort_(port) {
-    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     stopEvent_ = ::eventfd(0, EFD_CLOEXEC);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    if (listener_ < 0 || stopEvent_ < 0 ||
-        ::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-        ::listen(listener_, 64) != 0 ||
-        ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-        const int error = errno;
-        ::close(listener_);
-        ::close(stopEvent_);
-        throw std::system_error(error, std::generic_category(), "starting the fault proxy");
+    if (stopEvent_ < 0) {
+        throw std::system_error(errno, std::generic_category(), "starting the fault proxy");
     }
-    port_ = ntohs(address.sin_port);
+    listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    try {
+        port_ = bindLoopback(listener_, true, "starting the fault proxy");
+    } catch (...) {
+        ::close(stopEvent_);
+        throw;
+    }
     acceptor_ = std::thread([this] { acceptLoop(); });
 }
 
@@ -949,10 +914,7 @@ void FaultProxy::acceptLoop() {
         }
         // A server that is down shows as a connection closed before any answer.
         const int upstream = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(upstreamPort_);
+        sockaddr_in address = loopback(upstreamPort_);
         if (upstream < 0 ||
             ::connect(upstream, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
             ::close(upstream);
