@@ -46,11 +46,14 @@ struct Transfer {
     const DavClient::Request* request = nullptr;
     DavClient::Response response;
     std::uint64_t sent = 0;
+    std::uint64_t told = 0;     // the most the caller was told of; a body sent again stays under it
+    unsigned long offered = 0;  // the CURLAUTH_ methods the server's challenges named
     bool cancelled = false;
     int localError = 0;
 
     bool tell(std::uint64_t done, std::uint64_t total) {
-        if (request->progress && !request->progress(done, total)) {
+        told = std::max(told, done);
+        if (request->progress && !request->progress(told, total)) {
             cancelled = true;
         }
         return !cancelled;
@@ -138,6 +141,15 @@ std::size_t readHeader(char* data, std::size_t size, std::size_t count, void* us
         while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) {
             value.remove_prefix(1);
         }
+        if (name == "www-authenticate") {
+            const auto scheme = [&](std::string_view word) {
+                return value.size() >= word.size() &&
+                       strncasecmp(value.data(), word.data(), word.size()) == 0;
+            };
+            static_cast<Transfer*>(user)->offered |= scheme("Basic")    ? CURLAUTH_BASIC
+                                                     : scheme("Digest") ? CURLAUTH_DIGEST
+                                                                        : 0;
+        }
         while (!value.empty() && (value.back() == '\r' || value.back() == '\n')) {
             value.remove_suffix(1);
         }
@@ -170,6 +182,7 @@ struct DavClient::Handle {
 };
 
 DavClient::DavClient(Options options) : options_(std::move(options)) {
+    static_assert(kEitherAuthentication == (CURLAUTH_BASIC | CURLAUTH_DIGEST));
     initialiseCurl();
     base_ = options_.url;
     if (base_.empty() || base_.back() != '/') {
@@ -226,9 +239,11 @@ std::optional<DavClient::Response> DavClient::perform(const Request& request, Fa
     std::chrono::milliseconds backOff = options_.firstBackOff;
     const off_t downloadStart =
         request.downloadFd >= 0 ? ::lseek(request.downloadFd, 0, SEEK_CUR) : 0;
+    std::uint64_t told = 0;
     for (int attempt = 0;; ++attempt) {
         Transfer transfer;
         transfer.request = &request;
+        transfer.told = told;
         curl_slist* headers = nullptr;
         bool typed = false;
         for (const auto& header : request.headers) {
@@ -261,7 +276,7 @@ std::optional<DavClient::Response> DavClient::perform(const Request& request, Fa
             curl_easy_setopt(curl, CURLOPT_NOBODY, 1L);
         }
         if (!options_.user.empty()) {
-            curl_easy_setopt(curl, CURLOPT_HTTPAUTH, CURLAUTH_BASIC | CURLAUTH_DIGEST);
+            curl_easy_setopt(curl, CURLOPT_HTTPAUTH, authentication_.load());
             curl_easy_setopt(curl, CURLOPT_USERNAME, options_.user.c_str());
             curl_easy_setopt(curl, CURLOPT_PASSWORD, options_.password.c_str());
         }
@@ -304,6 +319,14 @@ std::optional<DavClient::Response> DavClient::perform(const Request& request, Fa
         }
         const bool answered = code == CURLE_OK;
         const int status = transfer.response.status;
+        told = transfer.told;
+        if (transfer.offered != 0) {
+            // A server that takes Basic only gets the credentials with every request from now
+            // on, instead of a first try without them that an upload may have to send again.
+            authentication_ = answered && status != 401 && transfer.offered == CURLAUTH_BASIC
+                                  ? CURLAUTH_BASIC
+                                  : kEitherAuthentication;
+        }
         const bool busy = answered && (status == 502 || status == 503 || status == 504);
         if ((answered && !busy) || !request.repeatable || attempt >= options_.retries ||
             (!answered && !transient(code))) {

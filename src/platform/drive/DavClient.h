@@ -6,6 +6,7 @@
 // Connections are kept alive between calls. Private to the drive; every member may be called
 // from any thread, also at once.
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -53,9 +54,10 @@ public:
         /// A 2xx answer's body goes to this descriptor (at its current offset) instead of
         /// `Response::body`.
         int downloadFd = -1;
-        /// Told of the body bytes moved out of the total (the upload's, else the download's);
-        /// answering false stops the transfer. An upload's last call comes before its last
-        /// bytes are sent.
+        /// Told of the body bytes moved out of the total (the upload's, else the download's),
+        /// never less than before: a body sent again (a retry, an authentication round) is
+        /// told of once it passes where it had got. Answering false stops the transfer. An
+        /// upload's last call comes before its last bytes are sent.
         std::function<bool(std::uint64_t done, std::uint64_t total)> progress;
         /// Whether sending it twice does no harm (GET, PROPFIND, PUT of whole contents...).
         bool repeatable = true;
@@ -100,6 +102,9 @@ private:
     std::string base_;  // the URL's scheme, host and path, ending in "/"
     std::mutex mutex_;  // guards idle_
     std::vector<std::unique_ptr<Handle>> idle_;
+    // The CURLAUTH_ methods offered to the server: both until it is seen to take Basic only.
+    static constexpr unsigned long kEitherAuthentication = 1UL | 2UL;  // Basic | Digest
+    std::atomic<unsigned long> authentication_{kEitherAuthentication};
 };
 
 }  // namespace qn::drive
