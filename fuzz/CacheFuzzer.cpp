@@ -77,7 +77,13 @@ public:
                 enumerate(parentOf(path), (op / kOperations) % 2 == 1);
                 break;
         }
-        check(path);
+        check(path, other);
+    }
+    // Every item of the model is found in the cache, with its kind.
+    void checkAll() const {
+        for (const auto& [key, item] : model_) {
+            checkItem(key, item);
+        }
     }
 
 private:
@@ -183,14 +189,31 @@ private:
         QN_FUZZ_CHECK(listed == modelBelow(path, childrenOnly), path,
                       std::to_string(listed.size()));
     }
-    void check(const std::string& path) {
+    void checkItem(const std::string& key, const Item& item) const {
+        const auto entry = cache_->entryForPath(std::string(kBase) + item.spelling);
+        QN_FUZZ_CHECK(entry != nullptr, key, item.spelling);
+        QN_FUZZ_CHECK(entry->isDirectory() == item.isDirectory, key, item.spelling);
+    }
+    // After a step: the counts, and the items at and below the paths the step named (those it
+    // can have changed), or their absence. The whole model is compared at the end of the input.
+    void check(const std::string& path, const std::string& other) const {
         QN_FUZZ_CHECK(cache_->count() == model_.size() + 1, path, std::to_string(cache_->count()));
         QN_FUZZ_CHECK(cache_->numberOfSubentriesForEntryAtPath(kBase) == model_.size(), path,
                       std::to_string(model_.size()));
-        for (const auto& [key, item] : model_) {
-            const auto entry = cache_->entryForPath(std::string(kBase) + item.spelling);
-            QN_FUZZ_CHECK(entry != nullptr, key, item.spelling);
-            QN_FUZZ_CHECK(entry->isDirectory() == item.isDirectory, key, item.spelling);
+        for (const std::string& named : {path, other}) {
+            if (named.empty()) {
+                continue;
+            }
+            const std::string key = keyOf(named);
+            QN_FUZZ_CHECK(model_.contains(key) ==
+                              (cache_->entryForPath(std::string(kBase) + named) != nullptr),
+                          named, key);
+            for (auto it = model_.lower_bound(key);
+                 it != model_.end() && it->first.starts_with(key); ++it) {
+                if (it->first == key || isBelow(it->first, key)) {
+                    checkItem(it->first, it->second);
+                }
+            }
         }
     }
 
@@ -219,5 +242,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             op % kOperations == 3 || op % kOperations == 4 ? pathFrom(data, end) : std::string();
         driver.step(op, path, other);
     }
+    driver.checkAll();
     return 0;
 }

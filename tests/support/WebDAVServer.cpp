@@ -23,6 +23,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <random>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -167,9 +168,26 @@ std::uint16_t bindLoopback(int fd, bool listen, const char* what) {
     return ntohs(address.sin_port);
 }
 
-/// A port nobody listens on now. Someone may take it before the server binds it; `start` then
-/// tries another.
+/// A port nobody listens on now, below the range the kernel hands out to outgoing connections:
+/// a client's connection must not take a server's port while the server restarts. Someone may
+/// still take it before the server binds it; `start` then tries another.
 std::uint16_t freePort() {
+    int firstEphemeral = 32768;
+    std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> firstEphemeral;
+    const int lowest = std::min(10000, firstEphemeral / 2);
+    std::mt19937 random(std::random_device{}());
+    for (int tries = 0; tries < 100; ++tries) {
+        const auto port = static_cast<std::uint16_t>(
+            lowest + static_cast<int>(random() % (firstEphemeral - lowest)));
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const sockaddr_in address = loopback(port);
+        const bool free =
+            fd >= 0 && ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        ::close(fd);
+        if (free) {
+            return port;
+        }
+    }
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const std::uint16_t port = bindLoopback(fd, false, "choosing a free port");
     ::close(fd);
@@ -512,12 +530,20 @@ void WebDAVServer::kill() {
 
 void WebDAVServer::restart() {
     stop();
-    prepare();
-    launch();
-    std::string why;
-    if (!waitUntilAnswering(&why)) {
-        throw std::runtime_error("the WebDAV server did not restart: " + why + "\n" +
-                                 lastLines(log(), 30));
+    // The port must stay the same; a moment after a kill, it may not be free yet.
+    for (int attempt = 1;; ++attempt) {
+        prepare();
+        const auto logged = log().size();
+        launch();
+        std::string why;
+        if (waitUntilAnswering(&why)) {
+            return;
+        }
+        if (log().find("already in use", logged) == std::string::npos || attempt == 20) {
+            throw std::runtime_error("the WebDAV server did not restart: " + why + "\n" +
+                                     lastLines(log(), 30));
+        }
+        std::this_thread::sleep_for(250ms);
     }
 }
 

@@ -104,7 +104,8 @@ public:
     /// Kills every process of the server at once (SIGKILL), as a crash or a power cut would:
     /// connections drop in the middle of whatever they were doing.
     void kill();
-    /// Stops the server when it runs, then starts it again on the same port and data.
+    /// Stops the server when it runs, then starts it again on the same port and data (waiting
+    /// a few seconds for the port when something still holds it).
     void restart();
 
 private:
