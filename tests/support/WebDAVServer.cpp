@@ -174,9 +174,9 @@ std::uint16_t bindLoopback(int fd, bool listen, const char* what) {
 std::uint16_t freePort() {
     int firstEphemeral = 32768;
     std::ifstream("/proc/sys/net/ipv4/ip_local_port_range") >> firstEphemeral;
-    const int lowest = std::min(10000, firstEphemeral / 2);
+    const int lowest = std::clamp(firstEphemeral / 2, 1024, 10000);
     std::mt19937 random(std::random_device{}());
-    for (int tries = 0; tries < 100; ++tries) {
+    for (int tries = 0; firstEphemeral > lowest && tries < 100; ++tries) {
         const auto port = static_cast<std::uint16_t>(
             lowest + static_cast<int>(random() % (firstEphemeral - lowest)));
         const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -83,6 +83,10 @@ std::vector<std::size_t> characterStarts(std::string_view text) {
 
 }  // namespace
 
+std::size_t columns(std::string_view text) {
+    return characterStarts(text).size();
+}
+
 std::string fitEnd(std::string_view text, std::size_t width) {
     const auto starts = characterStarts(text);
     if (starts.size() <= width || width == 0) {

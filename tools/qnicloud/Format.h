@@ -16,6 +16,8 @@ std::string bytes(std::uint64_t size);
 std::string localTime(const qn::Date& date);
 /// `text` as a JSON string, quotes included.
 std::string json(std::string_view text);
+/// The columns `text` takes: its UTF-8 characters.
+std::size_t columns(std::string_view text);
 /// `text` padded or cut to `width` columns (counting UTF-8 characters); a cut end shows "…".
 std::string fit(std::string_view text, std::size_t width);
 /// The same, cutting the start instead: for paths, whose end names the file.

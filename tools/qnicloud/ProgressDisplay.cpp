@@ -49,7 +49,7 @@ std::string ProgressDisplay::bar(const std::string& label, std::uint64_t size,
     // A path too long for its column gives way to its file's name, cut in the middle if need
     // be: files of one folder differ at the start of their names more than at the end.
     const auto slash = label.rfind('/');
-    const std::string shown = label.size() <= labelWidth || slash == std::string::npos
+    const std::string shown = columns(label) <= labelWidth || slash == std::string::npos
                                   ? fit(label, labelWidth)
                                   : fitMiddle(label.substr(slash + 1), labelWidth);
     return fit(fmt::format("  {} [{}{}] {:>3.0f} %  {}", shown, std::string(filled, '#'),
